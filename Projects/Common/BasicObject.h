@@ -1,0 +1,18 @@
+#pragma once
+
+#include "Common/CommonExport.h"
+
+#include <QObject>
+
+namespace Korvane {
+
+// The plain QObject base of the library's objects.
+class KORVANECOMMON_EXPORT BasicObject : public QObject
+{
+    Q_OBJECT
+public:
+    explicit BasicObject(QObject* parent = nullptr);
+    ~BasicObject() override;
+};
+
+} // namespace Korvane

@@ -1,0 +1,7 @@
+#include "Common/IAVTask.h"
+
+namespace Korvane {
+
+IAVTask::~IAVTask() = default;
+
+} // namespace Korvane

@@ -1,0 +1,7 @@
+#include "Common/IAVTaskOperator.h"
+
+namespace Korvane {
+
+IAVTaskOperator::~IAVTaskOperator() = default;
+
+} // namespace Korvane
