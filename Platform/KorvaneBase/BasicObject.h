@@ -1,13 +1,13 @@
 #pragma once
 
-#include "Common/CommonExport.h"
+#include "KorvaneBase/KorvaneBaseExport.h"
 
 #include <QObject>
 
 namespace Korvane {
 
 // The plain QObject base of the library's objects.
-class KORVANECOMMON_EXPORT BasicObject : public QObject
+class KORVANEBASE_EXPORT BasicObject : public QObject
 {
     Q_OBJECT
 public:

@@ -1,4 +1,4 @@
-#include "Common/BasicObject.h"
+#include "KorvaneBase/BasicObject.h"
 
 namespace Korvane {
 
