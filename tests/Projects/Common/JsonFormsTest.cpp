@@ -112,8 +112,8 @@ TEST(ConvertSourceReading, CenterPosIsTruncatedTowardsZero)
         QPoint expected;
     };
     const Case cases[] = {
-        {"12.9,-3.7", {12, -3}}, {"640,360", {640, 360}},  {"7", {7, 7}},
-        {"1,2,3", {1, 3}},       {"abc,def", {0, 0}},      {"", {0, 0}},
+        {"12.9,-3.7", {12, -3}}, {"640,360", {640, 360}}, {"7", {7, 7}},
+        {"1,2,3", {1, 3}},       {"abc,def", {0, 0}},     {"", {0, 0}},
         {"1e40,inf", {0, 0}},    {"-0.99,0.99", {0, 0}},
     };
     for (const Case& c : cases) {
@@ -170,9 +170,9 @@ TEST(ConvertSourceWriting, KeysAndConditionalEntries)
     const QJsonObject bare = parse(convertSourceToJson(ConvertSource{}));
     ASSERT_EQ(bare.keys(), QStringList{"ConvertSource"});
     const QJsonObject o = bare.value("ConvertSource").toObject();
-    for (const char* key : {"filePath", "selfAudios", "selfSubtitles", "attachedAudio",
-                            "attachedSubtitle", "cut", "crop", "speed", "baseFilter", "AIMosaic",
-                            "AIAutoReframe", "waterMark"}) {
+    for (const char* key :
+         {"filePath", "selfAudios", "selfSubtitles", "attachedAudio", "attachedSubtitle", "cut",
+          "crop", "speed", "baseFilter", "AIMosaic", "AIAutoReframe", "waterMark"}) {
         EXPECT_TRUE(o.contains(key)) << key;
     }
     for (const char* key : {"metaData", "coverPath", "effectFilter", "extraParam"}) {
@@ -309,7 +309,20 @@ TEST(VariantMapJson, LayoutsAndFailures)
     EXPECT_TRUE(jsonToVariantMap("{").isEmpty());
     EXPECT_TRUE(jsonToVariantMap("[1]").isEmpty());
     EXPECT_TRUE(jsonToVariantMap("\"text\"").isEmpty());
-    EXPECT_EQ(jsonToVariantMap(QString::fromUtf8("{\"ключ\": \"значение\"}")).value(
-                  QString::fromUtf8("ключ")),
+    EXPECT_EQ(jsonToVariantMap(QString::fromUtf8("{\"ключ\": \"значение\"}"))
+                  .value(QString::fromUtf8("ключ")),
               QString::fromUtf8("значение"));
+}
+
+TEST(ConvertSourceRoundTrip, OneReadAndWriteNormalisesAnyText)
+{
+    // The first read may add the five "extraParam" keys; after that, reading
+    // and writing change nothing.
+    for (const QString& text :
+         {QString(), wrap("{\"filePath\": \"x\"}"), convertSourceToJson(fullSource()),
+          wrap("{\"waterMark\": [{\"centerPos\": \"1.5\"}], \"speed\": 0.3}")}) {
+        const QString once = convertSourceToJson(convertSourceFromJson(text));
+        const QString twice = convertSourceToJson(convertSourceFromJson(once));
+        EXPECT_EQ(convertSourceToJson(convertSourceFromJson(twice)), twice) << text.toStdString();
+    }
 }
