@@ -24,7 +24,7 @@ struct LogEntry
     int level = 0;
     QString function; // fully qualified, e.g. "Korvane::FFDemuxer::open"
     int line = 0;
-    QString file;     // source path, e.g. "KorvaneDec/FFDemuxer"
+    QString file; // source path, e.g. "KorvaneDec/FFDemuxer"
     const QObject* object = nullptr;
     QString text;
 };

@@ -7,8 +7,7 @@ namespace Korvane {
 Record::Record(const QString& function, int line, const QString& file, const QObject* object,
                int level)
     : mFunction(function), mLine(line), mFile(file), mObject(object), mLevel(level)
-{
-}
+{}
 
 Record::~Record()
 {

@@ -17,7 +17,7 @@ struct MediaInfoVideoStream
 {
     qint32 index = -1; // stream index in the container
     QString codecName;
-    qint32 width = 0;  // coded picture size
+    qint32 width = 0; // coded picture size
     qint32 height = 0;
     double rotation = 0.0; // degrees clockwise, 0, 90, 180 or 270 for usual files
     qint32 sarNum = 0;     // sample aspect ratio as stored (0/1 when unknown)

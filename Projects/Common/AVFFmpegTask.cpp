@@ -8,8 +8,7 @@ namespace Korvane {
 AVFFmpegTask::AVFFmpegTask(const ConvertSource& source, const AVTaskOutputParam& outputParam)
     : mSource(QSharedPointer<ConvertSource>::create(source)),
       mOutputParam(QSharedPointer<AVTaskOutputParam>::create(outputParam))
-{
-}
+{}
 
 AVFFmpegTask::~AVFFmpegTask() = default;
 

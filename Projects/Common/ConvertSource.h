@@ -68,7 +68,7 @@ struct BaseFilterParam
 struct WaterMarkParam
 {
     QString filePath;
-    QPoint centerPos;  // centre of the watermark in output pixels
+    QPoint centerPos;   // centre of the watermark in output pixels
     float alpha = 1.0f; // opacity 0..1
     bool flipX = false;
     bool flipY = false;

@@ -75,8 +75,8 @@ QList<QVariantMap> readObjects(const QVariant& value)
 QJsonObject cropToJson(const std::optional<CropParam>& crop)
 {
     const CropParam c = crop.value_or(CropParam{});
-    return QJsonObject{{"cropW", c.cropW}, {"cropH", c.cropH}, {"cropX", c.cropX},
-                       {"cropY", c.cropY}, {"flipX", c.flipX}, {"flipY", c.flipY},
+    return QJsonObject{{"cropW", c.cropW},      {"cropH", c.cropH}, {"cropX", c.cropX},
+                       {"cropY", c.cropY},      {"flipX", c.flipX}, {"flipY", c.flipY},
                        {"rotation", c.rotation}};
 }
 
@@ -140,8 +140,8 @@ WaterMarkParam readWaterMark(const QVariantMap& m)
 QString variantMapToJson(const QVariantMap& map, bool indented)
 {
     const QJsonDocument document(QJsonObject::fromVariantMap(map));
-    return QString::fromUtf8(document.toJson(indented ? QJsonDocument::Indented
-                                                      : QJsonDocument::Compact));
+    return QString::fromUtf8(
+        document.toJson(indented ? QJsonDocument::Indented : QJsonDocument::Compact));
 }
 
 QVariantMap jsonToVariantMap(const QString& json)
@@ -236,12 +236,11 @@ ConvertSource convertSourceFromJson(const QString& json)
         s.selfSubtitles.append({readInt(o.value("index")), o.value("title").toString()});
     }
     for (const QVariantMap& o : readObjects(m.value("attachedAudio"))) {
-        s.attachedAudio.append(
-            {readInt64(o.value("startMs")), o.value("filePath").toString()});
+        s.attachedAudio.append({readInt64(o.value("startMs")), o.value("filePath").toString()});
     }
     for (const QVariantMap& o : readObjects(m.value("attachedSubtitle"))) {
-        s.attachedSubtitle.append({readInt64(o.value("startMs")),
-                                   o.value("title").toString(), o.value("filePath").toString()});
+        s.attachedSubtitle.append({readInt64(o.value("startMs")), o.value("title").toString(),
+                                   o.value("filePath").toString()});
     }
     s.metaData = m.value("metaData").toMap();
     s.coverPath = m.value("coverPath").toString();
@@ -260,8 +259,7 @@ ConvertSource convertSourceFromJson(const QString& json)
     }
 
     for (const QVariantMap& o : readObjects(m.value("cut"))) {
-        s.cut.append(
-            {readInt64(o.value("range_begin")), readInt64(o.value("range_length"))});
+        s.cut.append({readInt64(o.value("range_begin")), readInt64(o.value("range_length"))});
     }
 
     s.speed = m.contains("speed") ? readFloat(m.value("speed")) : 1.0f;

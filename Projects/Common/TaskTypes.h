@@ -9,7 +9,8 @@ namespace Korvane {
 // The state of a task. Operators of this library produce 1, 4, 5 and 6 on
 // signals; 2 is only ever stored in a task. Every value of 6 and above counts
 // as a failure.
-enum class TaskState : qint32 {
+enum class TaskState : qint32
+{
     Started = 1,
     Running = 2,
     Stopped = 4,
@@ -17,7 +18,8 @@ enum class TaskState : qint32 {
     Failed = 6,
 };
 
-enum class TaskProgressType : qint32 {
+enum class TaskProgressType : qint32
+{
     Whole = 0, // progress of the whole conversion
 };
 

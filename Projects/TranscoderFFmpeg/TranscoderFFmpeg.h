@@ -12,8 +12,9 @@
 namespace Korvane {
 
 // True only for jobs the ffmpeg path handles as they are.
-TRANSCODERFFMPEG_EXPORT bool isConverterSourceSupportedByTranscoderFFmpeg(
-    const ConvertSource& source, const AVTaskOutputParam& output);
+TRANSCODERFFMPEG_EXPORT bool
+isConverterSourceSupportedByTranscoderFFmpeg(const ConvertSource& source,
+                                             const AVTaskOutputParam& output);
 
 // True while some ffmpeg operator's process runs in this process.
 TRANSCODERFFMPEG_EXPORT bool isHardwareTranscode();

@@ -78,7 +78,8 @@ TEST_F(LoggerFileTest, WritesOneFormattedLinePerRecord)
     Record("Korvane::C::d", 8, "Projects/Y", nullptr, 0) << "second";
     const QStringList lines = readLines(mPath);
     ASSERT_EQ(lines.size(), 2);
-    EXPECT_TRUE(lines[0].endsWith("[0] Korvane::A::b (Projects/X:7) first")) << lines[0].toStdString();
+    EXPECT_TRUE(lines[0].endsWith("[0] Korvane::A::b (Projects/X:7) first"))
+        << lines[0].toStdString();
     EXPECT_TRUE(lines[1].endsWith("[0] Korvane::C::d (Projects/Y:8) second"));
 }
 

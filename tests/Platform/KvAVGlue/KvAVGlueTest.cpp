@@ -1,5 +1,5 @@
-#include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"
+#include "KvAVGlue/FFmpegLog.h"
 #include "LogCapture.h"
 #include "TestMedia.h"
 
@@ -62,8 +62,8 @@ TEST(Makers, OwnersReleaseOpenedInputsPacketsAndFrames)
 {
     // The release paths matter under the sanitizer build, which reports leaks.
     const QString clip = TestMedia::generate(
-        "glue/clip.mp4", {"-f", "lavfi", "-i", "testsrc2=size=64x48:rate=10:duration=1", "-c:v",
-                          "mpeg4"});
+        "glue/clip.mp4",
+        {"-f", "lavfi", "-i", "testsrc2=size=64x48:rate=10:duration=1", "-c:v", "mpeg4"});
     ASSERT_FALSE(clip.isEmpty());
 
     AVFormatContext* raw = nullptr;

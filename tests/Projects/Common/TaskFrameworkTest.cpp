@@ -104,10 +104,9 @@ TEST(TaskSignalBus, QueuedStringConnectionsDeliverBothSignalsAcrossThreads)
     ASSERT_TRUE(QObject::connect(bus.data(), SIGNAL(taskStateChanged(Korvane::TaskState, int)),
                                  &listener, SLOT(onState(Korvane::TaskState, int)),
                                  Qt::QueuedConnection));
-    ASSERT_TRUE(QObject::connect(bus.data(),
-                                 SIGNAL(taskProgress(Korvane::TaskProgressType, double)),
-                                 &listener, SLOT(onProgress(Korvane::TaskProgressType, double)),
-                                 Qt::QueuedConnection));
+    ASSERT_TRUE(QObject::connect(
+        bus.data(), SIGNAL(taskProgress(Korvane::TaskProgressType, double)), &listener,
+        SLOT(onProgress(Korvane::TaskProgressType, double)), Qt::QueuedConnection));
     QSignalSpy stateSpy(bus.data(), SIGNAL(taskStateChanged(Korvane::TaskState, int)));
     QSignalSpy progressSpy(bus.data(), SIGNAL(taskProgress(Korvane::TaskProgressType, double)));
 
