@@ -1,9 +1,11 @@
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
 #include "KorvaneBase/Record.h"
+#include "KorvaneGPUHardwareAcceleration/KorvaneGPUHardwareAcceleration.h"
 
 #include <QHash>
 #include <QLoggingCategory>
+#include <QThread>
 
 #include <algorithm>
 #include <cmath>
@@ -120,6 +122,11 @@ std::optional<MarkBox> markBox(const WaterMarkParam& mark, const PictureFacts& f
 bool isFullPicture(const CropParam& crop)
 {
     return crop.cropX == 0.0 && crop.cropY == 0.0 && crop.cropW == 1.0 && crop.cropH == 1.0;
+}
+
+QSharedPointer<MediaInfoV3> probeMedia(const QString& path)
+{
+    return getMediaInfo(path, -2, true);
 }
 
 const QHash<QString, QString>& muxerTable()
@@ -645,6 +652,29 @@ QStringList makeFFmpegCommand(const ConvertSource& source, const AVTaskOutputPar
     args << QStringLiteral("-f") << muxerName(param.format);
     args << quoted(param.outputPath);
     return args;
+}
+
+QString makeCudaFilterCommand(const ConvertSource& source, const AVTaskOutputParam::Video& video,
+                              const QSharedPointer<MediaInfoV3>& info)
+{
+    return makeCudaFilterCommand(source, video, info, probeMedia);
+}
+
+QString makeQsvFilterCommand(const ConvertSource& source, const AVTaskOutputParam::Video& video,
+                             const QSharedPointer<MediaInfoV3>& info)
+{
+    return makeQsvFilterCommand(source, video, info, probeMedia);
+}
+
+QStringList makeFFmpegCommand(const ConvertSource& source, const AVTaskOutputParam& param,
+                              const QString& progressTarget, int /*option*/)
+{
+    FFmpegCommandFacts facts;
+    facts.info = probeMedia(source.filePath);
+    facts.probe = probeMedia;
+    facts.qsvDeviceInitExplicit = KorvaneGPUHardwareAccelerationEntry()->qsvDeviceInitExplicit();
+    facts.hardwareThreads = QThread::idealThreadCount();
+    return makeFFmpegCommand(source, param, progressTarget, facts);
 }
 
 } // namespace Korvane
