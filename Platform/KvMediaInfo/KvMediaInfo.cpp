@@ -32,6 +32,13 @@ double sampleAspectRatio(const VideoStreamInfo& video)
     return video.sarNum > 0 && video.sarDen > 0 ? double(video.sarNum) / video.sarDen : 1.0;
 }
 
+// A container without a duration carries FFmpeg's no-value marker, which the
+// probing arithmetic turns into a huge negative number: callers get 0.
+qint64 knownDurationMs(qint64 durationMs)
+{
+    return durationMs > 0 ? durationMs : 0;
+}
+
 } // namespace
 
 QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool probeStreams)
@@ -50,7 +57,7 @@ QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool pro
     auto info = QSharedPointer<MediaInfoV3>::create();
     info->filePath = path;
     info->formatName = context->iformat ? QString::fromUtf8(context->iformat->name) : QString();
-    info->durationMs = description->durationMs;
+    info->durationMs = knownDurationMs(description->durationMs);
     for (const QSharedPointer<VideoStreamInfo>& video : description->videoStreams) {
         MediaInfoVideoStream stream;
         stream.index = video->streamIndex;
@@ -91,7 +98,7 @@ QSharedPointer<ContainerInfo> getContainInfo(const QString& path, bool computeDu
         return {};
     }
     auto info = QSharedPointer<ContainerInfo>::create();
-    info->durationMs = description->durationMs;
+    info->durationMs = knownDurationMs(description->durationMs);
     for (const QSharedPointer<VideoStreamInfo>& video : description->videoStreams) {
         const AVStream* avStream = context->streams[video->streamIndex];
         ContainerVideoStream stream;
@@ -123,7 +130,7 @@ qint64 mediaDuration(const QString& path)
     if (!demuxer.open(path)) {
         return 0;
     }
-    return containerDurationMs(demuxer.formatContext()->duration);
+    return knownDurationMs(containerDurationMs(demuxer.formatContext()->duration));
 }
 
 } // namespace Korvane

@@ -41,8 +41,8 @@ struct MediaInfoAudioStream
 struct MediaInfoV3
 {
     QString filePath;
-    QString formatName; // short input-format name, e.g. "mov,mp4,m4a,3gp,3g2,mj2"
-    qint64 durationMs = 0;
+    QString formatName;    // short input-format name, e.g. "mov,mp4,m4a,3gp,3g2,mj2"
+    qint64 durationMs = 0; // 0 when the container states no duration
     QList<MediaInfoVideoStream> videoStreams; // attached pictures included, in stream order
     QList<MediaInfoAudioStream> audioStreams;
 };
@@ -74,7 +74,7 @@ struct ContainerAudioStream
 
 struct ContainerInfo
 {
-    qint64 durationMs = 0; // as MediaDescription::durationMs
+    qint64 durationMs = 0; // as MediaDescription::durationMs; 0 when the container has none
     QList<ContainerVideoStream> videoStreams;
     QList<ContainerAudioStream> audioStreams;
 };
@@ -84,7 +84,8 @@ struct ContainerInfo
 KVMEDIAINFO_EXPORT QSharedPointer<ContainerInfo> getContainInfo(const QString& path,
                                                                 bool computeDuration);
 
-// Container duration in ms; 0 when the file cannot be opened.
+// Container duration in ms; 0 when the file cannot be opened or the container
+// states no duration.
 KVMEDIAINFO_EXPORT qint64 mediaDuration(const QString& path);
 
 } // namespace Korvane

@@ -5,7 +5,6 @@
 
 #include <QFileInfo>
 #include <QImageReader>
-#include <QLocale>
 #include <QLoggingCategory>
 
 #include <algorithm>
@@ -246,10 +245,9 @@ std::optional<float> TimelineProjectBuilder::rotationScale(int rotation) const
 void TimelineProjectBuilder::buildMainTransform()
 {
     const CropParam crop = m_source.crop.value_or(CropParam{});
-    // Shortest text that reads back as the same double.
-    const auto number = [](double value) {
-        return QString::number(value, 'g', QLocale::FloatingPointShortest);
-    };
+    // General form at Qt's default precision: six significant digits, no
+    // trailing zeros (1/3 is written 0.333333), as the export engine expects.
+    const auto number = [](double value) { return QString::number(value, 'g', -1); };
     m_mainTransform = QVariantMap{{"id", QStringLiteral("transform_%1").arg(nextTransformNumber())},
                                   {"type", "transform"},
                                   {"bg_size", QStringLiteral("%1,%2").arg(m_width).arg(m_height)},

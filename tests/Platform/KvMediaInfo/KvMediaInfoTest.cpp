@@ -207,6 +207,23 @@ TEST(KvMediaInfo, UnreadableInputsGiveNullAndZero)
     }
 }
 
+TEST(KvMediaInfo, ContainerWithoutADurationReadsZero)
+{
+    // A raw elementary stream states no duration at all.
+    const QString path = TestMedia::generate(
+        "kvmediainfo/raw.h264", {"-f", "lavfi", "-i", "testsrc2=size=64x48:rate=10:duration=1",
+                                 "-c:v", "libx264", "-f", "h264"});
+    ASSERT_FALSE(path.isEmpty());
+    const QSharedPointer<MediaInfoV3> info = getMediaInfo(path, -2, true);
+    ASSERT_FALSE(info.isNull());
+    EXPECT_EQ(info->durationMs, 0);
+    ASSERT_EQ(info->videoStreams.size(), 1);
+    const QSharedPointer<ContainerInfo> container = getContainInfo(path, true);
+    ASSERT_FALSE(container.isNull());
+    EXPECT_EQ(container->durationMs, 0);
+    EXPECT_EQ(mediaDuration(path), 0);
+}
+
 TEST(KvMediaInfo, UnusualCharactersInThePath)
 {
     const QString path = ProbeMedia::unusualName();

