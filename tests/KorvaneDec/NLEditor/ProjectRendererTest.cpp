@@ -6,6 +6,7 @@
 #include "NLEditor/ProjectDocument.h"
 #include "NLEditor/ProjectRenderer.h"
 
+#include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 
@@ -113,3 +114,307 @@ INSTANTIATE_TEST_SUITE_P(
                       CutCase{"double_speed", {{0, 1000}, {1000, 1000}}, 2.0, 1.0},
                       CutCase{"half_speed", {{200, 800}}, 0.5, 1.6}),
     [](const ::testing::TestParamInfo<CutCase>& info) { return std::string(info.param.name); });
+
+struct GeometryCase
+{
+    const char* name;
+    QString crop;
+    int rotation;
+    bool flipX;
+    double scale;      // 0: none written
+    QString reference; // the same edit as an ffmpeg filter chain
+};
+
+class Geometry : public ::testing::TestWithParam<GeometryCase>
+{};
+
+TEST_P(Geometry, MatchesTheSameEditMadeByFfmpeg)
+{
+    const GeometryCase& c = GetParam();
+    const QString source = clipWithoutSound();
+    QJsonObject t = transform(160, 120, c.crop, c.rotation, c.flipX, false);
+    if (c.scale > 0) {
+        t.insert("scale_x", c.scale);
+        t.insert("scale_y", c.scale);
+    }
+    QJsonObject clip = mainClip(source, 0, 2000, 0, 1.0, "video_only");
+    clip.insert("transform", t);
+    const QString output = outputPath(QStringLiteral("%1.mp4").arg(c.name));
+    ASSERT_EQ(render(document(160, 120, 25, {clip}), h264Output(output)).status,
+              RenderStatus::Finished);
+    const QString reference = outputPath(QStringLiteral("%1-ref.mp4").arg(c.name));
+    ASSERT_TRUE(
+        ffmpeg({"-i", source, "-vf", c.reference, "-c:v", "libx264", "-crf", "10", reference}));
+    EXPECT_EQ(probe(output).width, 160);
+    EXPECT_GT(ssim(output, reference), 0.95);
+    // A wrong geometry must not pass: the unedited source differs clearly.
+    EXPECT_LT(ssim(output, source), 0.9);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Render, Geometry,
+    ::testing::Values(GeometryCase{"crop_rotate_pillarbox", "0.25,0,0.5,1", 90, false, 0,
+                                   "crop=80:120:40:0,transpose=clock,pad=160:120:20:20"},
+                      GeometryCase{"rotate_scaled_to_fit", "0,0,1,1", 90, false, 0.75,
+                                   "transpose=clock,scale=90:120,pad=160:120:35:0"},
+                      GeometryCase{"crop_flip_stretch_fit", "0,0.25,1,0.5", 0, true, 0,
+                                   "crop=160:60:0:30,hflip,scale=160:60,pad=160:120:0:30"},
+                      GeometryCase{"upside_down", "0,0,1,1", 180, false, 0, "hflip,vflip"}),
+    [](const ::testing::TestParamInfo<GeometryCase>& info) {
+        return std::string(info.param.name);
+    });
+
+TEST(ProjectRenderer, WatermarkSitsAtItsCentreWithItsOpacity)
+{
+    const QString source = clipWithoutSound();
+    const QString mark = watermarkPng();
+    QJsonObject clip = mainClip(source, 0, 2000, 0, 1.0, "video_only");
+    clip.insert("transform", transform(160, 120));
+    const QJsonObject image{{"id", "clip_image_0"},
+                            {"type", "image"},
+                            {"file_path", mark},
+                            {"track_ref", "track_1"},
+                            {"timeline_pos", 0},
+                            {"range_length", 2000},
+                            {"alpha", 0.5},
+                            {"speed", 1.0},
+                            {"transform", QJsonObject{{"id", "transform_image_0"},
+                                                      {"rotation", 0},
+                                                      {"flip_x", false},
+                                                      {"flip_y", false},
+                                                      {"scale_x", 1.0},
+                                                      {"scale_y", 1.0},
+                                                      {"center_pos", "100,60"}}}};
+    const QJsonArray tracks{QJsonObject{{"id", "track_1"}, {"kind", "effect"}, {"z_order", 2}}};
+    const QString output = outputPath("watermark.mp4");
+    const RenderOutcome outcome =
+        render(document(160, 120, 25, {clip, image}, tracks), h264Output(output));
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    const QString reference = outputPath("watermark-ref.mp4");
+    ASSERT_TRUE(ffmpeg({"-i", source, "-i", mark, "-filter_complex",
+                        "[1]format=rgba,colorchannelmixer=aa=0.5[w];[0][w]overlay=x=80:y=45",
+                        "-c:v", "libx264", "-crf", "10", reference}));
+    EXPECT_GT(ssim(output, reference), 0.95);
+    // Inside the mark the picture changed, outside it did not.
+    EXPECT_GT(pictureDifference(output, source, 1.0, 84, 49, 32, 22), 25.0);
+    EXPECT_LT(pictureDifference(output, source, 1.0, 0, 0, 60, 40), 6.0);
+}
+
+TEST(ProjectRenderer, BrightnessMatchesItsFilterMapping)
+{
+    const QString source = clipWithoutSound();
+    QJsonObject clip = mainClip(source, 0, 2000, 0, 1.0, "video_only");
+    clip.insert("transform", transform(160, 120));
+    clip.insert(
+        "video_filters",
+        QJsonArray{QJsonObject{
+            {"id", "vfilter_0"}, {"type", "video_filter"}, {"name", "Brightness"}, {"value", 40}}});
+    const QString output = outputPath("brightness.mp4");
+    ASSERT_EQ(render(document(160, 120, 25, {clip}), h264Output(output)).status,
+              RenderStatus::Finished);
+    const QString reference = outputPath("brightness-ref.mp4");
+    ASSERT_TRUE(ffmpeg(
+        {"-i", source, "-vf", "eq=brightness=0.2", "-c:v", "libx264", "-crf", "10", reference}));
+    EXPECT_GT(ssim(output, reference), 0.95);
+    EXPECT_GT(pictureDifference(output, source, 1.0, 0, 0, 160, 120), 20.0);
+}
+
+TEST(ProjectRenderer, VolumeFiftyIsAboutMinusSixDecibels)
+{
+    const QString source = clipWithSound();
+    QJsonObject clip = mainClip(source, 0, 2000, 0);
+    clip.insert("transform", transform(160, 120));
+    clip.insert(
+        "audio_filters",
+        QJsonArray{QJsonObject{
+            {"id", "afilter_0"}, {"type", "audio_filter"}, {"name", "Volume"}, {"value", 50}}});
+    const QString output = outputPath("volume.mp4");
+    ASSERT_EQ(render(document(160, 120, 25, {clip}), h264Output(output)).status,
+              RenderStatus::Finished);
+    EXPECT_NEAR(meanVolume(output, 0.2, 1.5) - meanVolume(source, 0.2, 1.5), -6.02, 0.7);
+}
+
+TEST(ProjectRenderer, AttachedAudioIsMixedAtItsTimelinePosition)
+{
+    const QString picture = clipWithoutSound();
+    QJsonObject clip = mainClip(picture, 0, 2000, 0, 1.0, "video_only");
+    clip.insert("transform", transform(160, 120));
+    // The builder may name a track that the document does not list: the clip
+    // is mixed all the same.
+    QJsonObject tone = mainClip(toneFile(), 0, 1000, 1000, 1.0, "audio");
+    tone.insert("track_ref", "track_7");
+    tone.insert("file_audio_stream_index", -1);
+    const QString output = outputPath("mixed.mp4");
+    const RenderOutcome outcome = render(document(160, 120, 25, {clip, tone}), h264Output(output));
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    const Probe p = probe(output);
+    EXPECT_EQ(p.audioStreams, 1);
+    EXPECT_NEAR(p.audioDuration, 2.0, 0.1);
+    EXPECT_LT(meanVolume(output, 0.0, 0.9), -60.0);
+    EXPECT_GT(meanVolume(output, 1.1, 0.8), -30.0);
+}
+
+TEST(ProjectRenderer, CoverAndTagsAreWritten)
+{
+    const QString source = clipWithSound();
+    QJsonObject clip = mainClip(source, 0, 1000, 0);
+    clip.insert("transform", transform(160, 120));
+    QJsonObject doc = document(160, 120, 25, {clip});
+    doc.insert("cover", QJsonObject{{"id", "cover"}, {"path", coverJpeg()}});
+    doc.insert(
+        "meta_data",
+        QJsonObject{{"id", "meta_data"}, {"title", "Engine title"}, {"artist", "Engine artist"}});
+    const QString output = outputPath("tagged.mp4");
+    const RenderOutcome outcome = render(doc, h264Output(output));
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    const Probe p = probe(output);
+    EXPECT_EQ(p.attachedPictures, 1);
+    EXPECT_EQ(p.videoStreams, 1);
+    EXPECT_EQ(p.tags.value("title").toString(), "Engine title");
+    EXPECT_EQ(p.tags.value("artist").toString(), "Engine artist");
+}
+
+TEST(ProjectRenderer, MusicWithCoverShowsThePictureForTheLengthOfTheSound)
+{
+    QJsonObject clip = mainClip(toneFile(), 0, 3000, 0, 1.0, "audio_with_cover");
+    clip.insert("file_audio_stream_index", 0);
+    clip.insert("transform", transform(64, 64));
+    QJsonObject doc = document(64, 64, 25, {clip});
+    doc.insert("cover", QJsonObject{{"id", "cover"}, {"path", coverJpeg()}});
+    const QString output = outputPath("music.mkv");
+    Korvane::AVTaskOutputParam out = h264Output(output);
+    out.format = QStringLiteral("mkv");
+    const RenderOutcome outcome = render(doc, out);
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    const Probe p = probe(output);
+    EXPECT_EQ(p.videoStreams, 1);
+    EXPECT_EQ(p.width, 64);
+    EXPECT_NEAR(p.formatDuration, 3.0, 0.15);
+    // The cover also travels as an attachment of the Matroska file.
+    EXPECT_EQ(p.attachedPictures, 1);
+}
+
+TEST(ProjectRenderer, SubtitlesAreDrawnOnlyWhileTheirCueIsOn)
+{
+    const QString source = clipWithoutSound();
+    const QString srt = outputPath("cue.srt");
+    {
+        QFile file(srt);
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        file.write("1\n00:00:00,800 --> 00:00:01,600\nWWWWWWWW\n\n");
+    }
+    auto make = [&](bool withSubtitle) {
+        QJsonObject clip = mainClip(source, 0, 2000, 0, 1.0, "video_only");
+        clip.insert("transform", transform(160, 120));
+        QJsonArray subtitles;
+        if (withSubtitle) {
+            subtitles.append(QJsonObject{{"id", "subtitle_0"},
+                                         {"embedded_subtitle_stream_index", 0},
+                                         {"attached_file_path", srt},
+                                         {"attached_offset", 0},
+                                         {"title", "cue"},
+                                         {"display", true}});
+        }
+        clip.insert("subtitles", subtitles);
+        const QString output = outputPath(withSubtitle ? "sub.mp4" : "nosub.mp4");
+        const RenderOutcome outcome = render(document(160, 120, 25, {clip}), h264Output(output));
+        EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+        return output;
+    };
+    const QString with = make(true);
+    const QString without = make(false);
+    EXPECT_GT(pictureDifference(with, without, 1.2, 0, 90, 160, 30), 3.0);
+    EXPECT_LT(pictureDifference(with, without, 0.3, 0, 90, 160, 30), 1.0);
+    EXPECT_LT(pictureDifference(with, without, 1.2, 0, 0, 160, 40), 1.5);
+}
+
+TEST(ProjectRenderer, OutputRecordChoosesCodecSizeRateAndContainer)
+{
+    const QString source = clipWithSound();
+    QJsonObject clip = mainClip(source, 0, 1000, 0);
+    clip.insert("transform", transform(160, 120));
+    // "youtube" is a preset, not a muxer: the extension decides.
+    Korvane::AVTaskOutputParam out;
+    out.outputPath = outputPath("record.mkv");
+    out.format = QStringLiteral("YouTube");
+    out.video.codecName = QStringLiteral("H265");
+    out.video.width = 320;
+    out.video.height = 240;
+    out.video.frameRate = 30;
+    out.audio.codecName = QStringLiteral("mp3");
+    out.audio.sampleRate = 44100;
+    out.audio.channels = 1;
+    const RenderOutcome outcome = render(document(160, 120, 25, {clip}), out);
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    const Probe p = probe(out.outputPath);
+    EXPECT_EQ(p.videoCodec, "hevc");
+    EXPECT_EQ(p.width, 320);
+    EXPECT_EQ(p.height, 240);
+    EXPECT_NEAR(p.frameRate, 30.0, 0.5);
+    EXPECT_EQ(p.audioCodec, "mp3");
+    EXPECT_EQ(p.sampleRate, 44100);
+    EXPECT_EQ(p.channels, 1);
+}
+
+TEST(ProjectRenderer, BadInputFailsWithItsReasonAndLeavesNoFile)
+{
+    const QString source = clipWithSound();
+    const QString missing = TestMedia::dir() + QStringLiteral("/engine/no-such-mark.png");
+    QJsonObject clip = mainClip(source, 0, 1000, 0);
+    clip.insert("transform", transform(160, 120));
+    const QJsonObject image{
+        {"id", "clip_image_0"}, {"type", "image"},
+        {"file_path", missing}, {"track_ref", "track_1"},
+        {"alpha", 1.0},         {"transform", QJsonObject{{"center_pos", "10,10"}}}};
+
+    struct Row
+    {
+        const char* name;
+        QJsonObject doc;
+        QString codec;
+        QString mustMention;
+    };
+    QJsonObject missingMedia = mainClip(QStringLiteral("/nonexistent/clip.mp4"), 0, 1000, 0);
+    const QList<Row> rows = {
+        {"missing watermark", document(160, 120, 25, {clip, image}), "h264", missing},
+        {"missing media", document(160, 120, 25, {missingMedia}), "h264", "/nonexistent/clip.mp4"},
+        {"unknown codec", document(160, 120, 25, {clip}), "nosuchcodec", "nosuchcodec"},
+        {"no decodable video", document(160, 120, 25, {mainClip(toneFile(), 0, 1000, 0)}), "h264",
+         "no decodable video stream"},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        Korvane::AVTaskOutputParam out = h264Output(outputPath("bad.mp4"));
+        out.video.codecName = row.codec;
+        const RenderOutcome outcome = render(row.doc, out);
+        EXPECT_EQ(outcome.status, RenderStatus::Failed);
+        EXPECT_TRUE(outcome.error.contains(row.mustMention)) << outcome.error.toStdString();
+        EXPECT_FALSE(QFileInfo::exists(out.outputPath));
+    }
+}
+
+TEST(ProjectRenderer, StopMidRenderRemovesThePartialFile)
+{
+    const QString source = clipWithSound();
+    QJsonObject clip = mainClip(source, 0, 2000, 0);
+    clip.insert("transform", transform(160, 120));
+    const QString output = outputPath("stopped.mp4");
+    std::atomic<bool> stop{false};
+    ProjectDocument document;
+    QString error;
+    ASSERT_TRUE(parseProjectDocument(
+        QString::fromUtf8(QJsonDocument(RenderTest::document(160, 120, 25, {clip})).toJson()),
+        &document, &error));
+    ProjectRenderer renderer(document, h264Output(output));
+    renderer.setStopFlag(&stop);
+    bool sawFile = false;
+    renderer.setProgressHandler([&](double value) {
+        if (value > 0.3) {
+            sawFile = sawFile || QFileInfo::exists(output);
+            stop = true;
+        }
+    });
+    EXPECT_EQ(renderer.run().status, RenderStatus::Stopped);
+    EXPECT_TRUE(sawFile);
+    EXPECT_FALSE(QFileInfo::exists(output));
+}
