@@ -98,7 +98,7 @@ struct Track
     bool mute = false;
 };
 
-struct ProjectDocument
+struct KORVANENLEDITOR_EXPORT ProjectDocument
 {
     double fps = 25.0;
     double previewWidth = 640.0;
