@@ -30,7 +30,7 @@ public:
     QString build();
 
 private:
-    void probe();
+    void readMediaFacts();
     void writePreviewParam();
     void writeZoom();
     void createTracks();
