@@ -11,7 +11,8 @@ extern "C" {
 #include <libavutil/display.h>
 }
 
-Q_LOGGING_CATEGORY(lcMediaSource, "korvane.adapter.mediasource")
+// Debug chatter is off unless QT_LOGGING_RULES turns it on.
+Q_LOGGING_CATEGORY(lcMediaSource, "korvane.adapter.mediasource", QtInfoMsg)
 
 namespace Korvane {
 

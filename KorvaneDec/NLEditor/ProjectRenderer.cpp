@@ -29,7 +29,8 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
-Q_LOGGING_CATEGORY(lcRenderer, "korvane.nleditor.renderer")
+// Debug chatter (the graph texts) is off unless QT_LOGGING_RULES turns it on.
+Q_LOGGING_CATEGORY(lcRenderer, "korvane.nleditor.renderer", QtInfoMsg)
 
 namespace Korvane {
 
