@@ -418,3 +418,50 @@ TEST(ProjectRenderer, StopMidRenderRemovesThePartialFile)
     EXPECT_TRUE(sawFile);
     EXPECT_FALSE(QFileInfo::exists(output));
 }
+
+TEST(ProjectRenderer, AnaglyphSideBySideMatchesTheStereoFilter)
+{
+    const QString source = clipWithoutSound();
+    QJsonObject t = transform(160, 120);
+    t.insert("scale_x", 2.0); // the builder widens the half-width result back
+    QJsonObject clip = mainClip(source, 0, 2000, 0, 1.0, "video_only");
+    clip.insert("transform", t);
+    clip.insert("video_filters", QJsonArray{QJsonObject{{"id", "video_filter_0"},
+                                                        {"anaglyph_type", "Anaglyph Side by Side"},
+                                                        {"source", "2dTo3d_0"}}});
+    const QString output = outputPath("anaglyph.mp4");
+    const RenderOutcome outcome = render(document(160, 120, 25, {clip}), h264Output(output));
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    const QString reference = outputPath("anaglyph-ref.mp4");
+    ASSERT_TRUE(ffmpeg({"-i", source, "-vf", "stereo3d=sbsl:arcc,scale=160:120", "-c:v", "libx264",
+                        "-crf", "10", reference}));
+    EXPECT_GT(ssim(output, reference), 0.95);
+    EXPECT_LT(ssim(output, source), 0.9);
+}
+
+TEST(ProjectRenderer, EmbeddedTextSubtitleOfARealFileIsDrawn)
+{
+    const QString shared = TestMedia::sharedMediaDir();
+    if (shared.isEmpty()) {
+        GTEST_SKIP() << "shared media folder absent";
+    }
+    // One SubRip cue spans 0 to 1.234 s in stream 2.
+    const QString source = shared + QStringLiteral("/h264-ac3-srt-subtitle.mkv");
+    auto make = [&](bool display) {
+        QJsonObject clip = mainClip(source, 0, 1200, 0);
+        clip.insert("transform", transform(1080, 720));
+        clip.insert("subtitles", QJsonArray{QJsonObject{{"id", "subtitle_0"},
+                                                        {"embedded_subtitle_stream_index", 2},
+                                                        {"attached_file_path", source},
+                                                        {"attached_offset", 0},
+                                                        {"display", display}}});
+        const QString output = outputPath(display ? "srt-on.mp4" : "srt-off.mp4");
+        const RenderOutcome outcome = render(document(1080, 720, 25, {clip}), h264Output(output));
+        EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+        return output;
+    };
+    const QString shown = make(true);
+    const QString hidden = make(false);
+    EXPECT_GT(pictureDifference(shown, hidden, 0.6, 0, 600, 1080, 120), 1.0);
+    EXPECT_LT(pictureDifference(shown, hidden, 0.6, 0, 0, 1080, 200), 0.5);
+}
