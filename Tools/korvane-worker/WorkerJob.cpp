@@ -121,9 +121,14 @@ bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
         if (source.filePath.isEmpty()) {
             return fail(QStringLiteral("the job names no input file"));
         }
-        documentText =
-            makeTimelineProjectJson(source, {{QStringLiteral("width"), output.video.width},
-                                             {QStringLiteral("height"), output.video.height}});
+        // The output's size becomes the canvas; a record without a size keeps
+        // the probed picture size (a 0 would give the document's 640x480).
+        QVariantMap options;
+        if (output.video.width >= 1 && output.video.height >= 1) {
+            options.insert(QStringLiteral("width"), output.video.width);
+            options.insert(QStringLiteral("height"), output.video.height);
+        }
+        documentText = makeTimelineProjectJson(source, options);
     } else if (!readFile(arguments.projectFile, &documentText, &error)) {
         return fail(error);
     }

@@ -228,3 +228,20 @@ TEST(WorkerProcess, ConvertRendersTheJobWithItsEdits)
     EXPECT_GT(pictureDifference(output, plain, 0.5, 150, 112, 20, 16), 25.0);
     EXPECT_LT(pictureDifference(output, plain, 0.5, 0, 0, 80, 60), 8.0);
 }
+
+TEST(WorkerProcess, ConvertWithoutOutputSizeKeepsTheSourceSize)
+{
+    Korvane::ConvertSource source;
+    source.filePath = clipWithoutSound();
+    const QString sourceFile =
+        writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
+    const QString output = outputPath("convert-size.mp4");
+    const WorkerRun run =
+        runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output)});
+    EXPECT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
+    const Probe p = probe(output);
+    EXPECT_EQ(p.width, 160);
+    EXPECT_EQ(p.height, 120);
+    EXPECT_EQ(p.audioStreams, 0); // the job keeps no sound
+    EXPECT_NEAR(p.videoDuration, 2.0, 0.1);
+}
