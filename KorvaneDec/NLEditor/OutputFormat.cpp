@@ -1,6 +1,7 @@
 #include "NLEditor/OutputFormat.h"
 
 #include <QHash>
+#include <QStringList>
 
 #include <algorithm>
 #include <cmath>
@@ -44,6 +45,13 @@ QString resolveMuxer(const QString& format, const QString& outputPath)
     const AVOutputFormat* byName =
         av_guess_format(nullptr, outputPath.toUtf8().constData(), nullptr);
     return byName ? QString::fromLatin1(byName->name) : QString();
+}
+
+bool isAudioOnlyMuxer(const QString& muxer)
+{
+    static const QStringList audioOnly = {"mp3", "ipod", "wav", "aiff", "ape",  "flac",
+                                          "ac3", "ogg",  "caf", "au",   "opus", "adts"};
+    return audioOnly.contains(muxer);
 }
 
 int qualityForOutput(const QString& videoCodec, int width, int height)

@@ -20,6 +20,10 @@ KORVANENLEDITOR_EXPORT QString muxerForFormat(const QString& format);
 // extension; empty when neither gives one.
 KORVANENLEDITOR_EXPORT QString resolveMuxer(const QString& format, const QString& outputPath);
 
+// True for the muxers of sound files (mp3, m4a, wav, flac, ...): they get no
+// picture stream, only a cover picture where they hold one.
+KORVANENLEDITOR_EXPORT bool isAudioOnlyMuxer(const QString& muxer);
+
 // The constant-quality value used when no video bit rate is given: 23 for
 // h264, else 28, lowered by up to 10 for output diagonals below the
 // reference (2800 above a 2000-pixel diagonal, else 2000); never below 1.

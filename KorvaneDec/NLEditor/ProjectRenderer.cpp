@@ -235,8 +235,8 @@ bool ProjectRenderer::Private::plan(QString* error)
         *error = QStringLiteral("the project has nothing to play (duration 0)");
         return false;
     }
-    wantVideo =
-        !doc.videoDisabled && !doc.mainClips.isEmpty() && format->video_codec != AV_CODEC_ID_NONE;
+    wantVideo = !doc.videoDisabled && !doc.mainClips.isEmpty() && !isAudioOnlyMuxer(muxer) &&
+                format->video_codec != AV_CODEC_ID_NONE;
     wantAudio = !doc.audioDisabled && format->audio_codec != AV_CODEC_ID_NONE;
 
     const QSize canvas = doc.canvas();
@@ -292,7 +292,7 @@ bool ProjectRenderer::Private::plan(QString* error)
             plan.hasAudio = true;
             plan.audio = source->audio();
         }
-        if (!plan.hasVideo && !plan.hasAudio && !(withAudio || wantVideo)) {
+        if (!wantVideo && !withAudio) {
             continue;
         }
         for (const VideoFilterEntry& filter : clip.videoFilters) {

@@ -91,3 +91,13 @@ TEST(EncoderNames, SoftwareEncodersForTheTwoMainCodecs)
     ASSERT_NE(findEncoder("libx264"), nullptr);
     EXPECT_EQ(findEncoder("nosuchcodec"), nullptr);
 }
+
+TEST(IsAudioOnlyMuxer, SoundFilesOnly)
+{
+    for (const char* muxer : {"mp3", "ipod", "wav", "flac", "opus"}) {
+        EXPECT_TRUE(isAudioOnlyMuxer(muxer)) << muxer;
+    }
+    for (const char* muxer : {"mp4", "matroska", "mov", "asf", "mpegts", ""}) {
+        EXPECT_FALSE(isAudioOnlyMuxer(muxer)) << muxer;
+    }
+}

@@ -465,3 +465,27 @@ TEST(ProjectRenderer, EmbeddedTextSubtitleOfARealFileIsDrawn)
     EXPECT_GT(pictureDifference(shown, hidden, 0.6, 0, 600, 1080, 120), 1.0);
     EXPECT_LT(pictureDifference(shown, hidden, 0.6, 0, 0, 1080, 200), 0.5);
 }
+
+TEST(ProjectRenderer, SoundFileOutputKeepsSoundAndCoverOnly)
+{
+    QJsonObject clip = mainClip(clipWithSound(), 0, 1000, 0);
+    clip.insert("transform", transform(160, 120));
+    QJsonObject doc = document(160, 120, 25, {clip});
+    doc.insert("cover", QJsonObject{{"id", "cover"}, {"path", coverJpeg()}});
+    doc.insert("meta_data", QJsonObject{{"id", "meta_data"}, {"title", "Song"}});
+    Korvane::AVTaskOutputParam out;
+    out.outputPath = outputPath("song.mp3");
+    out.format = QStringLiteral("mp3");
+    out.video.codecName = QStringLiteral("h264"); // ignored: a sound file has no picture
+    out.audio.codecName = QStringLiteral("mp3");
+    out.audio.bitrateKbps = 128;
+    const RenderOutcome outcome = render(doc, out);
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    const Probe p = probe(out.outputPath);
+    EXPECT_EQ(p.videoStreams, 0);
+    EXPECT_EQ(p.audioStreams, 1);
+    EXPECT_EQ(p.audioCodec, "mp3");
+    EXPECT_EQ(p.attachedPictures, 1);
+    EXPECT_EQ(p.tags.value("title").toString(), "Song");
+    EXPECT_NEAR(p.formatDuration, 1.0, 0.1);
+}
