@@ -34,18 +34,23 @@ QString deinterlaceFilterText()
     return QStringLiteral("yadif=mode=send_frame:deint=interlaced");
 }
 
-QString subtitleFilterText(const QString& path, int subtitleOrdinal, qint64 offsetMs)
+QString subtitleFilterText(const QString& path, int subtitleOrdinal, qint64 offsetMs, double speed)
 {
     const QString draw = QStringLiteral("subtitles=filename=%1:si=%2")
                              .arg(escapeFilterGraphValue(path))
                              .arg(subtitleOrdinal);
-    if (offsetMs == 0) {
+    if (offsetMs == 0 && speed == 1.0) {
         return draw;
     }
-    // libass takes the frame time as the event clock: shift the clock back by
-    // the offset around the drawing.
+    // libass takes the frame time as the event clock: turn the timeline time
+    // into event time around the drawing, and back.
     const QString seconds = QString::number(offsetMs / 1000.0, 'g', 12);
-    return QStringLiteral("setpts=PTS-%1/TB,%2,setpts=PTS+%1/TB").arg(seconds, draw);
+    if (speed == 1.0) {
+        return QStringLiteral("setpts=PTS-%1/TB,%2,setpts=PTS+%1/TB").arg(seconds, draw);
+    }
+    const QString factor = QString::number(speed, 'g', 12);
+    return QStringLiteral("setpts=PTS*%1-%2/TB,%3,setpts=(PTS+%2/TB)/%1")
+        .arg(factor, seconds, draw);
 }
 
 SubtitleStreamInfo probeSubtitleStream(const QString& path, int streamIndex)

@@ -19,9 +19,10 @@ KORVANEADAPTER_EXPORT QString deinterlaceFilterText();
 // "subtitles" filter, which renders each event at the frame's own size).
 // `subtitleOrdinal` is the number of the stream among the file's subtitle
 // streams (0 for a .srt/.ass/.ssa file); `offsetMs` moves every event later
-// by that much on the timeline.
+// by that much on the timeline; `speed` is the speed the picture plays at
+// (the events keep to the picture).
 KORVANEADAPTER_EXPORT QString subtitleFilterText(const QString& path, int subtitleOrdinal,
-                                                 qint64 offsetMs);
+                                                 qint64 offsetMs, double speed = 1.0);
 
 // Facts of one subtitle stream of a file for the renderer's choice.
 struct SubtitleStreamInfo

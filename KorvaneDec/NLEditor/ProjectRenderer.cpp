@@ -368,7 +368,8 @@ bool ProjectRenderer::Private::plan(QString* error)
                                 .arg(entry.filePath));
                     continue;
                 }
-                subtitles.append({entry.filePath, info.ordinal, entry.offsetMs});
+                subtitles.append(
+                    {entry.filePath, info.ordinal, entry.offsetMs, mains.first().clip.speed});
             }
         }
     }

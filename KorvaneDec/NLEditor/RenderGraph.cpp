@@ -283,7 +283,7 @@ QString buildVideoGraph(const VideoGraphRequest& request)
 
     QStringList tail;
     for (const SubtitleDraw& draw : request.subtitles) {
-        tail.append(subtitleFilterText(draw.path, draw.ordinal, draw.offsetMs));
+        tail.append(subtitleFilterText(draw.path, draw.ordinal, draw.offsetMs, draw.speed));
     }
     if (request.output != request.canvas) {
         tail.append(

@@ -39,6 +39,7 @@ struct SubtitleDraw
     QString path;
     int ordinal = 0; // among the file's subtitle streams
     qint64 offsetMs = 0;
+    double speed = 1.0; // of the clip the subtitles belong to
 };
 
 struct VideoGraphRequest

@@ -232,6 +232,10 @@ TEST(PictureFilterTexts, SubtitlesWithOffsetAndSubtitleStreams)
     EXPECT_EQ(subtitleFilterText("/s.srt", 1, 1500),
               "setpts=PTS-1.5/TB,subtitles=filename=/s.srt:si=1,setpts=PTS+1.5/TB");
     EXPECT_EQ(deinterlaceFilterText(), "yadif=mode=send_frame:deint=interlaced");
+    EXPECT_EQ(subtitleFilterText("/s.srt", 0, 0, 2.0),
+              "setpts=PTS*2-0/TB,subtitles=filename=/s.srt:si=0,setpts=(PTS+0/TB)/2");
+    EXPECT_EQ(subtitleFilterText("/s.srt", 0, 250, 0.5),
+              "setpts=PTS*0.5-0.25/TB,subtitles=filename=/s.srt:si=0,setpts=(PTS+0.25/TB)/0.5");
 }
 
 TEST(ProbeSubtitleStream, FindsTextStreamsByIndex)

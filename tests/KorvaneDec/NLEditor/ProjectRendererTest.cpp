@@ -303,8 +303,8 @@ TEST(ProjectRenderer, SubtitlesAreDrawnOnlyWhileTheirCueIsOn)
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write("1\n00:00:00,800 --> 00:00:01,600\nWWWWWWWW\n\n");
     }
-    auto make = [&](bool withSubtitle) {
-        QJsonObject clip = mainClip(source, 0, 2000, 0, 1.0, "video_only");
+    auto make = [&](bool withSubtitle, double speed) {
+        QJsonObject clip = mainClip(source, 0, 2000, 0, speed, "video_only");
         clip.insert("transform", transform(160, 120));
         QJsonArray subtitles;
         if (withSubtitle) {
@@ -316,16 +316,23 @@ TEST(ProjectRenderer, SubtitlesAreDrawnOnlyWhileTheirCueIsOn)
                                          {"display", true}});
         }
         clip.insert("subtitles", subtitles);
-        const QString output = outputPath(withSubtitle ? "sub.mp4" : "nosub.mp4");
+        const QString output =
+            outputPath(QStringLiteral("%1-%2.mp4").arg(withSubtitle ? "sub" : "nosub").arg(speed));
         const RenderOutcome outcome = render(document(160, 120, 25, {clip}), h264Output(output));
         EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
         return output;
     };
-    const QString with = make(true);
-    const QString without = make(false);
+    const QString with = make(true, 1.0);
+    const QString without = make(false, 1.0);
     EXPECT_GT(pictureDifference(with, without, 1.2, 0, 90, 160, 30), 3.0);
     EXPECT_LT(pictureDifference(with, without, 0.3, 0, 90, 160, 30), 1.0);
     EXPECT_LT(pictureDifference(with, without, 1.2, 0, 0, 160, 40), 1.5);
+
+    // At double speed the cue keeps to its picture: 0.4 s to 0.8 s.
+    const QString fastWith = make(true, 2.0);
+    const QString fastWithout = make(false, 2.0);
+    EXPECT_GT(pictureDifference(fastWith, fastWithout, 0.6, 0, 90, 160, 30), 3.0);
+    EXPECT_LT(pictureDifference(fastWith, fastWithout, 0.2, 0, 90, 160, 30), 1.0);
 }
 
 TEST(ProjectRenderer, OutputRecordChoosesCodecSizeRateAndContainer)
