@@ -1,0 +1,310 @@
+#include "Adapter/MediaSource.h"
+
+#include "KvAVGlue/FFmpegLog.h"
+#include "KvAVGlue/KvAVGlue.h"
+
+#include <QLoggingCategory>
+
+#include <cmath>
+
+extern "C" {
+#include <libavutil/display.h>
+}
+
+// Debug chatter is off unless QT_LOGGING_RULES turns it on.
+Q_LOGGING_CATEGORY(lcMediaSource, "korvane.adapter.mediasource", QtInfoMsg)
+
+namespace Korvane {
+
+namespace {
+
+QString ffText(const QString& what, int code)
+{
+    return QStringLiteral("%1: %2").arg(what, ffErrorText(code));
+}
+
+// Clockwise display rotation from the display matrix, snapped to quarters.
+int displayRotation(const AVStream* stream)
+{
+    const auto* matrix = reinterpret_cast<const int32_t*>(
+        av_stream_get_side_data(stream, AV_PKT_DATA_DISPLAYMATRIX, nullptr));
+    if (!matrix) {
+        return 0;
+    }
+    const double counterClockwise = av_display_rotation_get(matrix);
+    if (std::isnan(counterClockwise)) {
+        return 0;
+    }
+    int clockwise = static_cast<int>(std::lround(-counterClockwise / 90.0)) * 90;
+    clockwise %= 360;
+    return clockwise < 0 ? clockwise + 360 : clockwise;
+}
+
+QSharedPointer<AVCodecContext> openDecoder(const AVStream* stream, QString* error)
+{
+    const AVCodec* codec = avcodec_find_decoder(stream->codecpar->codec_id);
+    if (!codec) {
+        *error = QStringLiteral("no decoder for stream %1 (%2)")
+                     .arg(stream->index)
+                     .arg(QString::fromLatin1(avcodec_get_name(stream->codecpar->codec_id)));
+        return {};
+    }
+    auto context = makeAVCodecContextPtr(codec);
+    if (!context) {
+        *error = QStringLiteral("cannot allocate a decoder");
+        return {};
+    }
+    int ret = avcodec_parameters_to_context(context.data(), stream->codecpar);
+    if (ret < 0) {
+        *error = ffText(QStringLiteral("decoder parameters"), ret);
+        return {};
+    }
+    context->pkt_timebase = stream->time_base;
+    context->thread_count = 0;
+    ret = avcodec_open2(context.data(), codec, nullptr);
+    if (ret < 0) {
+        *error = ffText(
+            QStringLiteral("cannot open the %1 decoder").arg(QString::fromLatin1(codec->name)),
+            ret);
+        return {};
+    }
+    return context;
+}
+
+int chooseAudioStream(AVFormatContext* format, int choice)
+{
+    if (choice >= 0 && choice < static_cast<int>(format->nb_streams) &&
+        format->streams[choice]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO) {
+        return choice;
+    }
+    if (choice >= 0) {
+        int seen = 0;
+        for (unsigned i = 0; i < format->nb_streams; ++i) {
+            if (format->streams[i]->codecpar->codec_type == AVMEDIA_TYPE_AUDIO &&
+                seen++ == choice) {
+                return static_cast<int>(i);
+            }
+        }
+    }
+    return av_find_best_stream(format, AVMEDIA_TYPE_AUDIO, -1, -1, nullptr, 0);
+}
+
+} // namespace
+
+MediaSource::~MediaSource() = default;
+
+std::unique_ptr<MediaSource> MediaSource::open(const QString& path, bool wantVideo, bool wantAudio,
+                                               int audioChoice, QString* error)
+{
+    std::unique_ptr<MediaSource> source(new MediaSource);
+    source->mPath = path;
+    AVFormatContext* raw = nullptr;
+    int ret = avformat_open_input(&raw, path.toUtf8().constData(), nullptr, nullptr);
+    if (ret < 0) {
+        *error = QStringLiteral("cannot open \"%1\": %2").arg(path, ffErrorText(ret));
+        return nullptr;
+    }
+    source->mFormat = makeAVFormatContextPtr(raw);
+    ret = avformat_find_stream_info(raw, nullptr);
+    if (ret < 0) {
+        *error =
+            QStringLiteral("cannot read the streams of \"%1\": %2").arg(path, ffErrorText(ret));
+        return nullptr;
+    }
+    source->mStartUs = raw->start_time == AV_NOPTS_VALUE ? 0 : raw->start_time;
+
+    for (unsigned i = 0; i < raw->nb_streams; ++i) {
+        raw->streams[i]->discard = AVDISCARD_ALL;
+    }
+    if (wantVideo) {
+        for (unsigned i = 0; i < raw->nb_streams; ++i) {
+            AVStream* stream = raw->streams[i];
+            if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO ||
+                (stream->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
+                continue;
+            }
+            source->mVideoDecoder = openDecoder(stream, error);
+            if (!source->mVideoDecoder) {
+                *error = QStringLiteral("\"%1\": %2").arg(path, *error);
+                return nullptr;
+            }
+            stream->discard = AVDISCARD_DEFAULT;
+            VideoStreamFacts& facts = source->mVideo;
+            facts.streamIndex = stream->index;
+            facts.width = source->mVideoDecoder->width;
+            facts.height = source->mVideoDecoder->height;
+            facts.pixelFormat = source->mVideoDecoder->pix_fmt;
+            facts.sampleAspect = stream->codecpar->sample_aspect_ratio;
+            facts.timeBase = stream->time_base;
+            facts.frameRate = av_guess_frame_rate(raw, stream, nullptr);
+            facts.rotation = displayRotation(stream);
+            const AVFieldOrder order = stream->codecpar->field_order;
+            facts.interlaced = order == AV_FIELD_TT || order == AV_FIELD_BB ||
+                               order == AV_FIELD_TB || order == AV_FIELD_BT;
+            break;
+        }
+    }
+    if (wantAudio) {
+        const int index = chooseAudioStream(raw, audioChoice);
+        if (index >= 0) {
+            AVStream* stream = raw->streams[index];
+            source->mAudioDecoder = openDecoder(stream, error);
+            if (!source->mAudioDecoder) {
+                *error = QStringLiteral("\"%1\": %2").arg(path, *error);
+                return nullptr;
+            }
+            stream->discard = AVDISCARD_DEFAULT;
+            AudioStreamFacts& facts = source->mAudio;
+            facts.streamIndex = index;
+            facts.sampleRate = source->mAudioDecoder->sample_rate;
+            facts.sampleFormat = source->mAudioDecoder->sample_fmt;
+            facts.channels = source->mAudioDecoder->ch_layout.nb_channels;
+            facts.channelMask = source->mAudioDecoder->ch_layout.order == AV_CHANNEL_ORDER_NATIVE
+                                    ? source->mAudioDecoder->ch_layout.u.mask
+                                    : 0;
+            facts.timeBase = stream->time_base;
+        }
+    }
+    source->mPacket = makeAVPacketPtr();
+    qCDebug(lcMediaSource) << "opened" << path << "video" << source->mVideo.streamIndex << "audio"
+                           << source->mAudio.streamIndex;
+    return source;
+}
+
+qint64 MediaSource::durationMs() const
+{
+    return mFormat->duration == AV_NOPTS_VALUE ? 0 : mFormat->duration / 1000;
+}
+
+QSharedPointer<AVFrame> MediaSource::attachedPicture(QString* error) const
+{
+    for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
+        const AVStream* stream = mFormat->streams[i];
+        if (!(stream->disposition & AV_DISPOSITION_ATTACHED_PIC) ||
+            stream->attached_pic.size <= 0) {
+            continue;
+        }
+        auto decoder = openDecoder(stream, error);
+        if (!decoder) {
+            return {};
+        }
+        auto frame = makeAVFramePtr();
+        int ret = avcodec_send_packet(decoder.data(), &stream->attached_pic);
+        if (ret >= 0) {
+            ret = avcodec_send_packet(decoder.data(), nullptr);
+        }
+        if (ret >= 0) {
+            ret = avcodec_receive_frame(decoder.data(), frame.data());
+        }
+        if (ret < 0) {
+            *error = ffText(
+                QStringLiteral("cannot decode the attached picture of \"%1\"").arg(mPath), ret);
+            return {};
+        }
+        return frame;
+    }
+    return {};
+}
+
+bool MediaSource::seek(qint64 ms, QString* error)
+{
+    const int ret = av_seek_frame(mFormat.data(), -1, mStartUs + ms * 1000, AVSEEK_FLAG_BACKWARD);
+    if (ret < 0) {
+        *error = ffText(QStringLiteral("cannot seek \"%1\" to %2 ms").arg(mPath).arg(ms), ret);
+        return false;
+    }
+    if (mVideoDecoder) {
+        avcodec_flush_buffers(mVideoDecoder.data());
+    }
+    if (mAudioDecoder) {
+        avcodec_flush_buffers(mAudioDecoder.data());
+    }
+    mDraining = mVideoDrained = mAudioDrained = false;
+    return true;
+}
+
+bool MediaSource::receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* out, QString* error)
+{
+    auto frame = makeAVFramePtr();
+    const int ret = avcodec_receive_frame(decoder, frame.data());
+    if (ret == AVERROR(EAGAIN)) {
+        return false;
+    }
+    if (ret == AVERROR_EOF) {
+        (isVideo ? mVideoDrained : mAudioDrained) = true;
+        return false;
+    }
+    if (ret < 0) {
+        *error = ffText(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
+        return false;
+    }
+    const AVRational timeBase = isVideo ? mVideo.timeBase : mAudio.timeBase;
+    qint64 pts = frame->best_effort_timestamp;
+    if (pts == AV_NOPTS_VALUE) {
+        pts = frame->pts == AV_NOPTS_VALUE ? 0 : frame->pts;
+    }
+    pts -= av_rescale_q(mStartUs, AV_TIME_BASE_Q, timeBase);
+    frame->pts = pts;
+    out->isVideo = isVideo;
+    out->frame = frame;
+    out->seconds = pts * av_q2d(timeBase);
+    return true;
+}
+
+bool MediaSource::next(DecodedFrame* out, QString* error)
+{
+    error->clear();
+    for (;;) {
+        if (mVideoDecoder && !mVideoDrained && receive(mVideoDecoder.data(), true, out, error)) {
+            return true;
+        }
+        if (!error->isEmpty()) {
+            return false;
+        }
+        if (mAudioDecoder && !mAudioDrained && receive(mAudioDecoder.data(), false, out, error)) {
+            return true;
+        }
+        if (!error->isEmpty()) {
+            return false;
+        }
+        if (mDraining) {
+            if ((!mVideoDecoder || mVideoDrained) && (!mAudioDecoder || mAudioDrained)) {
+                return false;
+            }
+            continue;
+        }
+        int ret = av_read_frame(mFormat.data(), mPacket.data());
+        if (ret == AVERROR_EOF) {
+            mDraining = true;
+            if (mVideoDecoder) {
+                avcodec_send_packet(mVideoDecoder.data(), nullptr);
+            }
+            if (mAudioDecoder) {
+                avcodec_send_packet(mAudioDecoder.data(), nullptr);
+            }
+            continue;
+        }
+        if (ret < 0) {
+            *error = ffText(QStringLiteral("reading \"%1\" failed").arg(mPath), ret);
+            return false;
+        }
+        AVCodecContext* decoder = nullptr;
+        if (mVideoDecoder && mPacket->stream_index == mVideo.streamIndex) {
+            decoder = mVideoDecoder.data();
+        } else if (mAudioDecoder && mPacket->stream_index == mAudio.streamIndex) {
+            decoder = mAudioDecoder.data();
+        }
+        if (decoder) {
+            ret = avcodec_send_packet(decoder, mPacket.data());
+            // A damaged packet is skipped as players do; the decoder resyncs.
+            if (ret < 0 && ret != AVERROR(EAGAIN) && ret != AVERROR_INVALIDDATA) {
+                av_packet_unref(mPacket.data());
+                *error = ffText(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
+                return false;
+            }
+        }
+        av_packet_unref(mPacket.data());
+    }
+}
+
+} // namespace Korvane

@@ -1,0 +1,105 @@
+#pragma once
+
+#include "Adapter/AdapterExport.h"
+
+#include <QSharedPointer>
+#include <QString>
+
+#include <memory>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+namespace Korvane {
+
+// Facts of the video stream a clip plays, as the decoder delivers it.
+struct VideoStreamFacts
+{
+    int streamIndex = -1;
+    int width = 0;
+    int height = 0;
+    AVPixelFormat pixelFormat = AV_PIX_FMT_NONE;
+    AVRational sampleAspect{0, 1}; // 0/1 when unknown (square)
+    AVRational timeBase{1, 1000};
+    AVRational frameRate{0, 1};
+    int rotation = 0; // display rotation, degrees clockwise: 0, 90, 180 or 270
+    bool interlaced = false;
+};
+
+// Facts of the audio stream a clip plays, as the decoder delivers it.
+struct AudioStreamFacts
+{
+    int streamIndex = -1;
+    int sampleRate = 0;
+    AVSampleFormat sampleFormat = AV_SAMPLE_FMT_NONE;
+    int channels = 0;
+    quint64 channelMask = 0; // the layout as a mask; 0 for an unordered layout
+    AVRational timeBase{1, 1000};
+};
+
+// One decoded frame. Its pts is counted from the start of the file (the
+// container's start time removed) in the time base of its stream.
+struct DecodedFrame
+{
+    bool isVideo = false;
+    QSharedPointer<AVFrame> frame;
+    double seconds = 0.0; // pts in seconds from the start of the file
+};
+
+// A media file opened for playing one video stream and/or one audio stream.
+// Used by one thread at a time. Every FFmpeg object is owned here and freed
+// with the source.
+class KORVANEADAPTER_EXPORT MediaSource
+{
+public:
+    // Which audio stream plays: `audioChoice` names it by its stream index in
+    // the file, or, when no stream of the file has that index or it is not an
+    // audio stream, by its number among the audio streams; any other value
+    // (e.g. -1) picks FFmpeg's best audio stream. Video is the first video
+    // stream that is not an attached picture. With `wantVideo`/`wantAudio`
+    // false that kind is neither decoded nor reported.
+    // Null with `error` set when the file cannot be opened or a wanted
+    // stream that exists cannot be decoded. A file that simply has no stream
+    // of a wanted kind opens; hasVideo()/hasAudio() say what it has.
+    static std::unique_ptr<MediaSource> open(const QString& path, bool wantVideo, bool wantAudio,
+                                             int audioChoice, QString* error);
+    ~MediaSource();
+    MediaSource(const MediaSource&) = delete;
+    MediaSource& operator=(const MediaSource&) = delete;
+
+    QString path() const { return mPath; }
+    bool hasVideo() const { return mVideoDecoder != nullptr; }
+    bool hasAudio() const { return mAudioDecoder != nullptr; }
+    const VideoStreamFacts& video() const { return mVideo; }
+    const AudioStreamFacts& audio() const { return mAudio; }
+    // Container duration in milliseconds, 0 when unknown.
+    qint64 durationMs() const;
+    // The attached picture (cover) of the file, decoded; null when it has none.
+    QSharedPointer<AVFrame> attachedPicture(QString* error) const;
+
+    // Positions reading at or before `ms` (from the start of the file).
+    bool seek(qint64 ms, QString* error);
+    // The next decoded frame of the chosen streams. Returns false at the end
+    // of the file (`error` empty) or on a read/decode failure (`error` set).
+    bool next(DecodedFrame* out, QString* error);
+
+private:
+    MediaSource() = default;
+    bool receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* out, QString* error);
+
+    QString mPath;
+    QSharedPointer<AVFormatContext> mFormat;
+    QSharedPointer<AVCodecContext> mVideoDecoder;
+    QSharedPointer<AVCodecContext> mAudioDecoder;
+    QSharedPointer<AVPacket> mPacket;
+    VideoStreamFacts mVideo;
+    AudioStreamFacts mAudio;
+    qint64 mStartUs = 0;
+    bool mDraining = false;
+    bool mVideoDrained = false;
+    bool mAudioDrained = false;
+};
+
+} // namespace Korvane

@@ -1,0 +1,17 @@
+#include "Filters/IAudioFilter.h"
+
+#include "Filters/VolumeFilter.h"
+
+namespace Korvane {
+
+IAudioFilter::~IAudioFilter() = default;
+
+std::unique_ptr<IAudioFilter> makeAudioFilter(const QString& name, int value)
+{
+    if (name == QLatin1String("Volume")) {
+        return std::make_unique<VolumeFilter>(value);
+    }
+    return nullptr;
+}
+
+} // namespace Korvane

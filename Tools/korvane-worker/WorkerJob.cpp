@@ -1,0 +1,158 @@
+#include "WorkerJob.h"
+
+#include "WorkerProtocol.h"
+
+#include "Common/JsonForms.h"
+#include "Common/TimelineProject.h"
+#include "KorvaneBase/Record.h"
+#include "NLEditor/ProjectDocument.h"
+#include "NLEditor/ProjectRenderer.h"
+
+#include <QFile>
+
+namespace Korvane {
+
+namespace {
+
+const char* const kFile = "Tools/korvane-worker/WorkerJob";
+
+bool readFile(const QString& path, QString* text, QString* error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read \"%1\": %2").arg(path, file.errorString());
+        return false;
+    }
+    *text = QString::fromUtf8(file.readAll());
+    return true;
+}
+
+} // namespace
+
+WorkerArguments parseWorkerArguments(const QStringList& arguments)
+{
+    WorkerArguments parsed;
+    if (arguments.size() != 5) {
+        return parsed;
+    }
+    const QString mode = arguments[0];
+    QVariantMap options;
+    for (int i = 1; i + 1 < arguments.size(); i += 2) {
+        if (options.contains(arguments[i]) || arguments[i + 1].isEmpty()) {
+            return parsed;
+        }
+        options.insert(arguments[i], arguments[i + 1]);
+    }
+    const QString input =
+        mode == QLatin1String("convert") ? QStringLiteral("--source") : QStringLiteral("--project");
+    if ((mode != QLatin1String("convert") && mode != QLatin1String("export")) ||
+        !options.contains(input) || !options.contains(QStringLiteral("--output"))) {
+        return parsed;
+    }
+    parsed.outputFile = options.value(QStringLiteral("--output")).toString();
+    if (mode == QLatin1String("convert")) {
+        parsed.mode = WorkerArguments::Mode::Convert;
+        parsed.sourceFile = options.value(input).toString();
+    } else {
+        parsed.mode = WorkerArguments::Mode::Export;
+        parsed.projectFile = options.value(input).toString();
+    }
+    return parsed;
+}
+
+QString workerUsage()
+{
+    return QStringLiteral("usage: korvane-worker convert --source FILE --output FILE\n"
+                          "       korvane-worker export --project FILE --output FILE\n");
+}
+
+AVTaskOutputParam outputParamFromFlatJson(const QVariantMap& map)
+{
+    AVTaskOutputParam param;
+    param.outputPath = map.value(QStringLiteral("outputPath")).toString();
+    param.format = map.value(QStringLiteral("format")).toString();
+    param.video.codecName = map.value(QStringLiteral("video.codecName")).toString();
+    param.video.width = map.value(QStringLiteral("video.width")).toInt();
+    param.video.height = map.value(QStringLiteral("video.height")).toInt();
+    param.video.frameRate = map.value(QStringLiteral("video.frameRate")).toDouble();
+    param.video.bitrateKbps = map.value(QStringLiteral("video.bitrateKbps")).toLongLong();
+    param.audio.codecName = map.value(QStringLiteral("audio.codecName")).toString();
+    param.audio.sampleRate = map.value(QStringLiteral("audio.sampleRate")).toInt();
+    param.audio.channels = map.value(QStringLiteral("audio.channels")).toInt();
+    param.audio.bitrateKbps = map.value(QStringLiteral("audio.bitrateKbps")).toLongLong();
+    param.acceleration.losslessFormat =
+        map.value(QStringLiteral("acceleration.losslessFormat")).toString();
+    param.acceleration.hardwareEnabled =
+        map.value(QStringLiteral("acceleration.hardwareEnabled")).toBool();
+    param.acceleration.gpuName = map.value(QStringLiteral("acceleration.gpuName")).toString();
+    param.ipcMode = map.value(QStringLiteral("ipcMode")).toBool();
+    param.taskMode = map.value(QStringLiteral("taskMode")).toInt();
+    param.vodDeMuxEnable = map.value(QStringLiteral("vodDeMuxEnable")).toBool();
+    param.twoPassEncoding = map.value(QStringLiteral("twoPassEncoding")).toBool();
+    param.isAlpha = map.value(QStringLiteral("isAlpha")).toBool();
+    param.isUseSourceSDKPlatformSolution =
+        map.value(QStringLiteral("isUseSourceSDKPlatformSolution")).toBool();
+    return param;
+}
+
+bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
+                  const std::atomic<bool>& stop)
+{
+    auto fail = [&](const QString& error) {
+        Korvane::Record("Korvane::runWorkerJob", __LINE__, kFile, nullptr, 0)
+            << "job failed: " << error;
+        protocol.failed(error);
+        return false;
+    };
+    QString error;
+    QString outputText;
+    if (!readFile(arguments.outputFile, &outputText, &error)) {
+        return fail(error);
+    }
+    const AVTaskOutputParam output = outputParamFromFlatJson(jsonToVariantMap(outputText));
+
+    QString documentText;
+    if (arguments.mode == WorkerArguments::Mode::Convert) {
+        QString sourceText;
+        if (!readFile(arguments.sourceFile, &sourceText, &error)) {
+            return fail(error);
+        }
+        const ConvertSource source = convertSourceFromJson(sourceText);
+        if (source.filePath.isEmpty()) {
+            return fail(QStringLiteral("the job names no input file"));
+        }
+        // The output's size becomes the canvas; a record without a size keeps
+        // the probed picture size (a 0 would give the document's 640x480).
+        QVariantMap options;
+        if (output.video.width >= 1 && output.video.height >= 1) {
+            options.insert(QStringLiteral("width"), output.video.width);
+            options.insert(QStringLiteral("height"), output.video.height);
+        }
+        documentText = makeTimelineProjectJson(source, options);
+    } else if (!readFile(arguments.projectFile, &documentText, &error)) {
+        return fail(error);
+    }
+
+    ProjectDocument document;
+    if (!parseProjectDocument(documentText, &document, &error)) {
+        return fail(error);
+    }
+    protocol.started();
+    ProjectRenderer renderer(document, output);
+    renderer.setStopFlag(&stop);
+    renderer.setProgressHandler([&protocol](double value) { protocol.progress(value); });
+    const RenderOutcome outcome = renderer.run();
+    switch (outcome.status) {
+    case RenderStatus::Finished:
+        protocol.finished();
+        return true;
+    case RenderStatus::Stopped:
+        protocol.stopped();
+        return false;
+    case RenderStatus::Failed:
+        break;
+    }
+    return fail(outcome.error);
+}
+
+} // namespace Korvane

@@ -1,0 +1,274 @@
+// Media sources, frame conversion, still pictures and the picture filter
+// texts, on generated media.
+#include "Adapter/AudioFrameConverter.h"
+#include "Adapter/MediaSource.h"
+#include "Adapter/PictureFilters.h"
+#include "Adapter/StillPicture.h"
+#include "Adapter/VideoFrameConverter.h"
+
+#include "KvAVGlue/KvAVGlue.h"
+#include "TestMedia.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QList>
+
+#include <gtest/gtest.h>
+
+extern "C" {
+#include <libavfilter/avfilter.h>
+#include <libavutil/opt.h>
+}
+
+using namespace Korvane;
+
+namespace {
+
+// Video 160x120 25 fps with a keyframe every 5 frames, stereo and mono
+// sound streams, 2 s.
+QString twoSoundClip()
+{
+    return TestMedia::generate(
+        QStringLiteral("adapter/two-sounds.mkv"),
+        {"-f",      "lavfi", "-i",       "testsrc2=size=160x120:rate=25:duration=2",
+         "-f",      "lavfi", "-i",       "sine=frequency=440:sample_rate=48000:duration=2",
+         "-f",      "lavfi", "-i",       "sine=frequency=880:sample_rate=22050:duration=2",
+         "-map",    "0",     "-map",     "1",
+         "-map",    "2",     "-ac:a:0",  "2",
+         "-ac:a:1", "1",     "-c:v",     "libx264",
+         "-g",      "5",     "-pix_fmt", "yuv420p",
+         "-c:a",    "aac"});
+}
+
+QString musicWithCover()
+{
+    const QString cover =
+        TestMedia::generate(QStringLiteral("adapter/cover.jpg"),
+                            {"-f", "lavfi", "-i", "color=c=green:size=32x32", "-frames:v", "1"});
+    return TestMedia::generate(QStringLiteral("adapter/music.mp3"),
+                               {"-f", "lavfi", "-i", "sine=duration=1", "-i", cover, "-map", "0",
+                                "-map", "1", "-c:a", "libmp3lame", "-c:v", "copy", "-disposition:v",
+                                "attached_pic"});
+}
+
+} // namespace
+
+TEST(MediaSource, ReportsTheChosenStreams)
+{
+    const QString path = twoSoundClip();
+    ASSERT_FALSE(path.isEmpty());
+    struct Row
+    {
+        int choice;
+        int expectedIndex;
+        int expectedRate;
+    };
+    // By stream index, by number among the sound streams, or the best one.
+    const QList<Row> rows = {{2, 2, 22050}, {1, 1, 48000}, {0, 1, 48000}, {-1, 1, 48000}};
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.choice);
+        QString error;
+        auto source = MediaSource::open(path, true, true, row.choice, &error);
+        ASSERT_NE(source, nullptr) << error.toStdString();
+        EXPECT_TRUE(source->hasVideo());
+        EXPECT_EQ(source->video().width, 160);
+        EXPECT_EQ(source->video().height, 120);
+        EXPECT_EQ(source->video().rotation, 0);
+        EXPECT_FALSE(source->video().interlaced);
+        EXPECT_EQ(source->audio().streamIndex, row.expectedIndex);
+        EXPECT_EQ(source->audio().sampleRate, row.expectedRate);
+    }
+    // Choice 1 among the sound streams when stream 1 is no sound: the second sound.
+    QString error;
+    auto second = MediaSource::open(path, false, true, 3, &error);
+    ASSERT_NE(second, nullptr);
+    EXPECT_FALSE(second->hasVideo());
+    EXPECT_EQ(second->audio().streamIndex, 1); // 3 is no stream: best sound
+}
+
+TEST(MediaSource, DecodesEveryFrameAndSeeks)
+{
+    QString error;
+    auto source = MediaSource::open(twoSoundClip(), true, true, -1, &error);
+    ASSERT_NE(source, nullptr);
+    int videoFrames = 0;
+    double lastAudio = 0.0;
+    DecodedFrame frame;
+    while (source->next(&frame, &error)) {
+        if (frame.isVideo) {
+            ++videoFrames;
+        } else {
+            lastAudio = frame.seconds;
+        }
+    }
+    EXPECT_TRUE(error.isEmpty()) << error.toStdString();
+    EXPECT_EQ(videoFrames, 50);
+    EXPECT_GT(lastAudio, 1.9);
+
+    ASSERT_TRUE(source->seek(1000, &error));
+    double firstVideo = -1.0;
+    while (firstVideo < 0 && source->next(&frame, &error)) {
+        if (frame.isVideo) {
+            firstVideo = frame.seconds;
+        }
+    }
+    // Back to the keyframe at or before 1 s (one every 0.2 s).
+    EXPECT_LE(firstVideo, 1.0);
+    EXPECT_GE(firstVideo, 0.79);
+}
+
+TEST(MediaSource, FailuresNameTheFile)
+{
+    QString error;
+    EXPECT_EQ(MediaSource::open("/nonexistent/x.mp4", true, true, -1, &error), nullptr);
+    EXPECT_TRUE(error.contains("/nonexistent/x.mp4"));
+}
+
+TEST(MediaSource, AttachedPictureOfAMusicFile)
+{
+    QString error;
+    auto source = MediaSource::open(musicWithCover(), true, true, -1, &error);
+    ASSERT_NE(source, nullptr) << error.toStdString();
+    EXPECT_FALSE(source->hasVideo()); // the cover is not a video stream to play
+    EXPECT_TRUE(source->hasAudio());
+    const auto cover = source->attachedPicture(&error);
+    ASSERT_FALSE(cover.isNull()) << error.toStdString();
+    EXPECT_EQ(cover->width, 32);
+    EXPECT_EQ(source->durationMs() / 100, 10);
+}
+
+TEST(VideoFrameConverter, ConvertsOnlyWhatDiffers)
+{
+    auto frame = makeAVFramePtr();
+    frame->width = 160;
+    frame->height = 120;
+    frame->format = AV_PIX_FMT_YUV420P;
+    ASSERT_GE(av_frame_get_buffer(frame.data(), 0), 0);
+    frame->pts = 42;
+    QString error;
+    VideoFrameConverter same(160, 120, AV_PIX_FMT_YUV420P);
+    EXPECT_EQ(same.convert(frame, &error).data(), frame.data());
+    VideoFrameConverter other(80, 60, AV_PIX_FMT_RGBA);
+    const auto converted = other.convert(frame, &error);
+    ASSERT_FALSE(converted.isNull()) << error.toStdString();
+    EXPECT_EQ(converted->width, 80);
+    EXPECT_EQ(converted->height, 60);
+    EXPECT_EQ(converted->format, AV_PIX_FMT_RGBA);
+    EXPECT_EQ(converted->pts, 42);
+}
+
+TEST(AudioFrameConverter, ResamplesToTheAnnouncedForm)
+{
+    auto frame = makeAVFramePtr();
+    frame->sample_rate = 48000;
+    frame->format = AV_SAMPLE_FMT_FLTP;
+    av_channel_layout_default(&frame->ch_layout, 2);
+    frame->nb_samples = 4800;
+    ASSERT_GE(av_frame_get_buffer(frame.data(), 0), 0);
+    frame->pts = 7;
+    AVChannelLayout mono{};
+    av_channel_layout_default(&mono, 1);
+    QString error;
+    AudioFrameConverter same(48000, AV_SAMPLE_FMT_FLTP, frame->ch_layout);
+    EXPECT_EQ(same.convert(frame, &error).data(), frame.data());
+    AudioFrameConverter converter(24000, AV_SAMPLE_FMT_S16, mono);
+    const auto converted = converter.convert(frame, &error);
+    ASSERT_FALSE(converted.isNull()) << error.toStdString();
+    EXPECT_EQ(converted->format, AV_SAMPLE_FMT_S16);
+    EXPECT_EQ(converted->ch_layout.nb_channels, 1);
+    EXPECT_NEAR(converted->nb_samples, 2400, 40);
+    EXPECT_EQ(converted->pts, 7);
+    av_channel_layout_uninit(&mono);
+}
+
+TEST(StillPicture, LoadsPicturesAndNamesMissingOnes)
+{
+    const QString png =
+        TestMedia::generate(QStringLiteral("adapter/mark.png"),
+                            {"-f", "lavfi", "-i", "color=c=red:size=40x30", "-frames:v", "1"});
+    QString error;
+    const auto frame = loadStillPicture(png, &error);
+    ASSERT_FALSE(frame.isNull()) << error.toStdString();
+    EXPECT_EQ(frame->width, 40);
+    EXPECT_EQ(frame->height, 30);
+    EXPECT_TRUE(loadStillPicture("/nonexistent/mark.png", &error).isNull());
+    EXPECT_TRUE(error.contains("/nonexistent/mark.png"));
+
+    const EncodedPicture encoded = readEncodedPicture(png, &error);
+    EXPECT_EQ(encoded.codec, AV_CODEC_ID_PNG);
+    EXPECT_EQ(encoded.width, 40);
+    EXPECT_FALSE(encoded.data.isEmpty());
+    EXPECT_EQ(readEncodedPicture("/nonexistent/c.jpg", &error).codec, AV_CODEC_ID_NONE);
+}
+
+TEST(EscapeFilterGraphValue, SurvivesBothParsers)
+{
+    const QList<QString> values = {"plain", "/tmp/a b.srt", "C:\\subs\\x.ass",
+                                   "it's",  "a,b;c[d]e:f",  "back\\slash'quote"};
+    for (const QString& value : values) {
+        SCOPED_TRACE(value.toStdString());
+        // "metadata" keeps its string option as given, so it shows what the
+        // graph parser and the option parser made of the escaped text.
+        auto graph = makeAVFilterGraphPtr();
+        const QString text =
+            QStringLiteral("metadata=mode=add:key=k:value=%1").arg(escapeFilterGraphValue(value));
+        AVFilterInOut* in = nullptr;
+        AVFilterInOut* out = nullptr;
+        ASSERT_GE(avfilter_graph_parse2(graph.data(), text.toUtf8().constData(), &in, &out), 0);
+        auto inOwner = makeAVFilterInOutPtr(in);
+        auto outOwner = makeAVFilterInOutPtr(out);
+        ASSERT_EQ(graph->nb_filters, 1u);
+        uint8_t* stored = nullptr;
+        ASSERT_GE(av_opt_get(graph->filters[0]->priv, "value", 0, &stored), 0);
+        EXPECT_EQ(QString::fromUtf8(reinterpret_cast<char*>(stored)), value);
+        av_free(stored);
+    }
+}
+
+TEST(PictureFilterTexts, SubtitlesWithOffsetAndSubtitleStreams)
+{
+    EXPECT_EQ(subtitleFilterText("/s.srt", 0, 0), "subtitles=filename=/s.srt:si=0");
+    EXPECT_EQ(subtitleFilterText("/s.srt", 1, 1500),
+              "setpts=PTS-1.5/TB,subtitles=filename=/s.srt:si=1,setpts=PTS+1.5/TB");
+    EXPECT_EQ(deinterlaceFilterText(), "yadif=mode=send_frame:deint=interlaced");
+    EXPECT_EQ(subtitleFilterText("/s.srt", 0, 0, 2.0),
+              "setpts=PTS*2-0/TB,subtitles=filename=/s.srt:si=0,setpts=(PTS+0/TB)/2");
+    EXPECT_EQ(subtitleFilterText("/s.srt", 0, 250, 0.5),
+              "setpts=PTS*0.5-0.25/TB,subtitles=filename=/s.srt:si=0,setpts=(PTS+0.25/TB)/0.5");
+}
+
+TEST(ProbeSubtitleStream, FindsTextStreamsByIndex)
+{
+    const QString srt = TestMedia::dir() + QStringLiteral("/adapter/cue.srt");
+    QDir().mkpath(QFileInfo(srt).absolutePath());
+    QFile file(srt);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write("1\n00:00:00,000 --> 00:00:00,500\nhello\n\n");
+    file.close();
+    const QString mkv =
+        TestMedia::generate(QStringLiteral("adapter/subs.mkv"),
+                            {"-f", "lavfi", "-i", "testsrc2=size=64x48:rate=5:duration=1", "-i",
+                             srt, "-c:v", "libx264", "-c:s", "srt"});
+    ASSERT_FALSE(mkv.isEmpty());
+    const SubtitleStreamInfo text = probeSubtitleStream(mkv, 1);
+    EXPECT_TRUE(text.found);
+    EXPECT_EQ(text.ordinal, 0);
+    EXPECT_FALSE(text.isBitmap);
+    EXPECT_FALSE(probeSubtitleStream(mkv, 0).found); // the video
+    EXPECT_FALSE(probeSubtitleStream(mkv, 5).found);
+    EXPECT_TRUE(probeSubtitleStream(srt, 0).found);
+    EXPECT_FALSE(probeSubtitleStream("/nonexistent/x.srt", 0).found);
+}
+
+TEST(ProbeSubtitleStream, RecognisesPictureSubtitles)
+{
+    const QString shared = TestMedia::sharedMediaDir();
+    if (shared.isEmpty()) {
+        GTEST_SKIP() << "shared media folder absent";
+    }
+    const SubtitleStreamInfo info =
+        probeSubtitleStream(shared + QStringLiteral("/h264-ac3-vobsub-subtitle.mkv"), 2);
+    EXPECT_TRUE(info.found);
+    EXPECT_TRUE(info.isBitmap);
+}

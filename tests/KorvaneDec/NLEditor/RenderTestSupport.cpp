@@ -1,0 +1,230 @@
+#include "RenderTestSupport.h"
+
+#include "TestMedia.h"
+
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QProcess>
+#include <QRegularExpression>
+#include <QStandardPaths>
+#include <QUuid>
+
+namespace RenderTest {
+
+QString clipWithSound()
+{
+    return TestMedia::generate(
+        QStringLiteral("engine/pattern-tone.mp4"),
+        {"-f",       "lavfi",   "-i",   "testsrc2=size=160x120:rate=25:duration=2",
+         "-f",       "lavfi",   "-i",   "sine=frequency=440:sample_rate=48000:duration=2",
+         "-ac",      "2",       "-c:v", "libx264",
+         "-pix_fmt", "yuv420p", "-g",   "5",
+         "-c:a",     "aac",     "-b:a", "128k"});
+}
+
+QString clipWithoutSound()
+{
+    return TestMedia::generate(QStringLiteral("engine/pattern.mp4"),
+                               {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=2",
+                                "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "5"});
+}
+
+QString toneFile()
+{
+    return TestMedia::generate(QStringLiteral("engine/tone-1k.m4a"),
+                               {"-f", "lavfi", "-i",
+                                "sine=frequency=1000:sample_rate=48000:duration=3", "-ac", "2",
+                                "-c:a", "aac", "-b:a", "128k"});
+}
+
+QString watermarkPng()
+{
+    return TestMedia::generate(QStringLiteral("engine/mark.png"),
+                               {"-f", "lavfi", "-i", "color=c=red:size=40x30", "-frames:v", "1"});
+}
+
+QString coverJpeg()
+{
+    return TestMedia::generate(QStringLiteral("engine/cover.jpg"),
+                               {"-f", "lavfi", "-i", "color=c=blue:size=64x64", "-frames:v", "1"});
+}
+
+QString outputPath(const QString& name)
+{
+    const QString dir = TestMedia::dir() + QStringLiteral("/engine-out");
+    QDir().mkpath(dir);
+    const QString path = dir + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::Id128) +
+                         QLatin1Char('-') + name;
+    QFile::remove(path);
+    return path;
+}
+
+QJsonObject mainClip(const QString& path, qint64 beginMs, qint64 lengthMs, double posMs,
+                     double speed, const QString& kind)
+{
+    return QJsonObject{{"id", "clip_0"},
+                       {"type", "clip"},
+                       {"kind", kind},
+                       {"file_path", path},
+                       {"track_ref", "track_0"},
+                       {"timeline_pos", posMs},
+                       {"range_begin", beginMs},
+                       {"range_length", lengthMs},
+                       {"speed", speed},
+                       {"stream_index", 0},
+                       {"file_audio_stream_index", 1}};
+}
+
+QJsonObject transform(int bgW, int bgH, const QString& crop, int rotation, bool flipX, bool flipY)
+{
+    return QJsonObject{{"id", "transform_0"},
+                       {"type", "transform"},
+                       {"bg_size", QStringLiteral("%1,%2").arg(bgW).arg(bgH)},
+                       {"crop", crop},
+                       {"flip_x", flipX},
+                       {"flip_y", flipY},
+                       {"rotation", rotation}};
+}
+
+QJsonObject document(int width, int height, double fps, const QJsonArray& clips,
+                     const QJsonArray& extraTracks)
+{
+    QJsonArray tracks{QJsonObject{{"id", "track_0"},
+                                  {"type", "track"},
+                                  {"kind", "video"},
+                                  {"z_order", 0},
+                                  {"trunk", true},
+                                  {"disabled", false},
+                                  {"mute", false}}};
+    for (const QJsonValue& track : extraTracks) {
+        tracks.append(track);
+    }
+    return QJsonObject{
+        {"id", "/"},
+        {"preview_param",
+         QJsonObject{{"id", "preview_param"}, {"fps", fps}, {"width", width}, {"height", height}}},
+        {"tracks", tracks},
+        {"clips", clips}};
+}
+
+bool ffmpeg(const QStringList& args)
+{
+    QStringList full{"-y", "-hide_banner", "-loglevel", "error"};
+    full << args;
+    return TestMedia::run(TestMedia::ffmpeg(), full) == 0;
+}
+
+Probe probe(const QString& path)
+{
+    Probe result;
+    QByteArray out;
+    if (TestMedia::run(TestMedia::ffprobe(),
+                       {"-v", "error", "-show_format", "-show_streams", "-of", "json", path},
+                       &out) != 0) {
+        return result;
+    }
+    const QJsonObject root = QJsonDocument::fromJson(out).object();
+    const QJsonObject format = root.value("format").toObject();
+    result.formatDuration = format.value("duration").toString().toDouble();
+    result.tags = format.value("tags").toObject();
+    for (const QJsonValue& value : root.value("streams").toArray()) {
+        const QJsonObject stream = value.toObject();
+        const QString type = stream.value("codec_type").toString();
+        if (type == QLatin1String("video")) {
+            if (stream.value("disposition").toObject().value("attached_pic").toInt() == 1) {
+                ++result.attachedPictures;
+                continue;
+            }
+            ++result.videoStreams;
+            result.width = stream.value("width").toInt();
+            result.height = stream.value("height").toInt();
+            result.videoCodec = stream.value("codec_name").toString();
+            result.videoDuration = stream.value("duration").toString().toDouble();
+            const QStringList rate = stream.value("avg_frame_rate").toString().split('/');
+            if (rate.size() == 2 && rate[1].toDouble() > 0) {
+                result.frameRate = rate[0].toDouble() / rate[1].toDouble();
+            }
+        } else if (type == QLatin1String("audio")) {
+            ++result.audioStreams;
+            result.audioCodec = stream.value("codec_name").toString();
+            result.audioDuration = stream.value("duration").toString().toDouble();
+            result.sampleRate = stream.value("sample_rate").toString().toInt();
+            result.channels = stream.value("channels").toInt();
+        } else if (type == QLatin1String("attachment")) {
+            ++result.attachedPictures;
+        }
+    }
+    return result;
+}
+
+namespace {
+
+QString runForStderr(const QStringList& args)
+{
+    QProcess process;
+    process.start(TestMedia::ffmpeg(), args);
+    process.waitForFinished(120000);
+    return QString::fromUtf8(process.readAllStandardError());
+}
+
+} // namespace
+
+double ssim(const QString& a, const QString& b)
+{
+    const QString log = runForStderr(
+        {"-hide_banner", "-i", a, "-i", b, "-lavfi", "[0:v][1:v]ssim", "-f", "null", "-"});
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral("All:([0-9.]+)")).match(log);
+    return match.hasMatch() ? match.captured(1).toDouble() : -1.0;
+}
+
+double meanVolume(const QString& path, double startS, double lengthS)
+{
+    QStringList args{"-hide_banner", "-ss", QString::number(startS), "-i", path};
+    if (lengthS > 0) {
+        args << "-t" << QString::number(lengthS);
+    }
+    args << "-vn"
+         << "-af"
+         << "volumedetect"
+         << "-f"
+         << "null"
+         << "-";
+    const QString log = runForStderr(args);
+    const QRegularExpressionMatch match =
+        QRegularExpression(QStringLiteral("mean_volume: (-?[0-9.]+|-inf) dB")).match(log);
+    if (!match.hasMatch() || match.captured(1) == QLatin1String("-inf")) {
+        return -200.0;
+    }
+    return match.captured(1).toDouble();
+}
+
+double pictureDifference(const QString& a, const QString& b, double atS, int x, int y, int w, int h)
+{
+    auto grab = [&](const QString& path, QByteArray* pixels) {
+        QProcess process;
+        process.start(TestMedia::ffmpeg(),
+                      {"-hide_banner", "-loglevel", "error", "-ss", QString::number(atS), "-i",
+                       path, "-frames:v", "1", "-vf",
+                       QStringLiteral("crop=%1:%2:%3:%4").arg(w).arg(h).arg(x).arg(y), "-f",
+                       "rawvideo", "-pix_fmt", "rgb24", "-"});
+        process.waitForFinished(60000);
+        *pixels = process.readAllStandardOutput();
+    };
+    QByteArray first;
+    QByteArray second;
+    grab(a, &first);
+    grab(b, &second);
+    if (first.isEmpty() || first.size() != second.size()) {
+        return -1.0;
+    }
+    double sum = 0.0;
+    for (int i = 0; i < first.size(); ++i) {
+        sum +=
+            std::abs(static_cast<unsigned char>(first[i]) - static_cast<unsigned char>(second[i]));
+    }
+    return sum / first.size();
+}
+
+} // namespace RenderTest

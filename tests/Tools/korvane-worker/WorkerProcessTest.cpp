@@ -1,0 +1,247 @@
+// The korvane-worker program run as the operators run it: files in, JSON
+// lines out, "stop" on its standard input.
+#include "RenderTestSupport.h"
+#include "TestMedia.h"
+
+#include "Common/AVTaskOutputParam.h"
+#include "Common/ConvertSource.h"
+#include "Common/JsonForms.h"
+
+#include <QCoreApplication>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QProcess>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+
+using namespace RenderTest;
+
+namespace {
+
+struct WorkerRun
+{
+    int exitCode = -1;
+    QList<QJsonObject> lines;
+    QByteArray standardOutput;
+};
+
+QString workerProgram()
+{
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/korvane-worker");
+}
+
+WorkerRun runWorker(const QStringList& args,
+                    const std::function<void(QProcess&, const QJsonObject&)>& onLine = {})
+{
+    WorkerRun run;
+    QProcess process;
+    process.setProcessChannelMode(QProcess::SeparateChannels);
+    process.start(workerProgram(), args);
+    if (!process.waitForStarted()) {
+        return run;
+    }
+    while (process.state() != QProcess::NotRunning || process.canReadLine()) {
+        if (!process.canReadLine() && !process.waitForReadyRead(200)) {
+            continue;
+        }
+        while (process.canReadLine()) {
+            const QByteArray line = process.readLine();
+            run.standardOutput += line;
+            const QJsonObject object = QJsonDocument::fromJson(line.trimmed()).object();
+            run.lines.append(object);
+            if (onLine) {
+                onLine(process, object);
+            }
+        }
+    }
+    process.waitForFinished(60000);
+    run.standardOutput += process.readAllStandardOutput();
+    run.exitCode = process.exitStatus() == QProcess::NormalExit ? process.exitCode() : -1;
+    return run;
+}
+
+QString writeFile(const QString& name, const QByteArray& content)
+{
+    const QString path = outputPath(name);
+    QFile file(path);
+    file.open(QIODevice::WriteOnly);
+    file.write(content);
+    return path;
+}
+
+QString outputRecord(const QString& outputFile, int w = 0, int h = 0)
+{
+    Korvane::AVTaskOutputParam out;
+    out.outputPath = outputFile;
+    out.format = QStringLiteral("mp4");
+    out.video.codecName = QStringLiteral("h264");
+    out.video.width = w;
+    out.video.height = h;
+    out.audio.codecName = QStringLiteral("aac");
+    return writeFile(QStringLiteral("output.json"), Korvane::outputParamToJson(out).toUtf8());
+}
+
+QString projectFile(const QJsonObject& doc)
+{
+    return writeFile(QStringLiteral("project.json"), QJsonDocument(doc).toJson());
+}
+
+QString longClip()
+{
+    return TestMedia::generate(
+        QStringLiteral("engine/long-pattern.mp4"),
+        {"-f", "lavfi", "-i", "testsrc2=size=640x360:rate=25:duration=20", "-f", "lavfi", "-i",
+         "sine=frequency=440:sample_rate=48000:duration=20", "-c:v", "libx264", "-preset",
+         "ultrafast", "-pix_fmt", "yuv420p", "-c:a", "aac"});
+}
+
+} // namespace
+
+TEST(WorkerProcess, BadInvocationPrintsUsageAndExitsTwo)
+{
+    for (const QStringList& args : {QStringList{}, QStringList{"convert", "--source", "x"},
+                                    QStringList{"export", "--project", "p", "--output"}}) {
+        QProcess process;
+        process.start(workerProgram(), args);
+        ASSERT_TRUE(process.waitForFinished(30000));
+        EXPECT_EQ(process.exitCode(), 2);
+        EXPECT_TRUE(process.readAllStandardOutput().isEmpty());
+        EXPECT_TRUE(process.readAllStandardError().contains("usage: korvane-worker"));
+    }
+}
+
+TEST(WorkerProcess, ExportReportsStartProgressAndFinish)
+{
+    QJsonObject clip = mainClip(clipWithSound(), 0, 2000, 0);
+    clip.insert("transform", transform(160, 120));
+    const QString output = outputPath("export.mp4");
+    const WorkerRun run =
+        runWorker({"export", "--project", projectFile(document(160, 120, 25, {clip})), "--output",
+                   outputRecord(output, 320, 240)});
+    EXPECT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
+    ASSERT_GE(run.lines.size(), 3) << run.standardOutput.toStdString();
+    EXPECT_EQ(run.lines.first(), QJsonObject({{"state", 1}}));
+    EXPECT_EQ(run.lines.last(), QJsonObject({{"state", 5}}));
+    double previous = -1.0;
+    for (int i = 1; i + 1 < run.lines.size(); ++i) {
+        ASSERT_TRUE(run.lines[i].contains("progress"));
+        const double value = run.lines[i].value("progress").toDouble();
+        EXPECT_GE(value, previous);
+        EXPECT_LE(value, 1.0);
+        previous = value;
+    }
+    const Probe p = probe(output);
+    EXPECT_EQ(p.width, 320);
+    EXPECT_EQ(p.height, 240);
+    EXPECT_NEAR(p.videoDuration, 2.0, 0.1);
+}
+
+TEST(WorkerProcess, MissingWatermarkFailsWithItsPath)
+{
+    QJsonObject clip = mainClip(clipWithSound(), 0, 2000, 0);
+    clip.insert("transform", transform(160, 120));
+    const QString missing = QStringLiteral("/nonexistent/mark-for-worker.png");
+    const QJsonObject image{{"id", "clip_image_0"},
+                            {"type", "image"},
+                            {"file_path", missing},
+                            {"track_ref", "track_1"},
+                            {"transform", QJsonObject{{"center_pos", "10,10"}}}};
+    const QString output = outputPath("nomark.mp4");
+    const WorkerRun run =
+        runWorker({"export", "--project", projectFile(document(160, 120, 25, {clip, image})),
+                   "--output", outputRecord(output)});
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_FALSE(run.lines.isEmpty());
+    EXPECT_EQ(run.lines.last().value("state").toInt(), 6);
+    EXPECT_TRUE(run.lines.last().value("error").toString().contains(missing))
+        << run.standardOutput.toStdString();
+    EXPECT_FALSE(QFileInfo::exists(output));
+}
+
+TEST(WorkerProcess, UnreadableJobFilesFailWithState6)
+{
+    const WorkerRun run = runWorker({"export", "--project", "/nonexistent/project.json", "--output",
+                                     outputRecord(outputPath("never.mp4"))});
+    EXPECT_EQ(run.exitCode, 1);
+    ASSERT_EQ(run.lines.size(), 1);
+    EXPECT_EQ(run.lines[0].value("state").toInt(), 6);
+    EXPECT_TRUE(run.lines[0].value("error").toString().contains("/nonexistent/project.json"));
+}
+
+TEST(WorkerProcess, StopOnStandardInputEndsWithState4AndNoFile)
+{
+    const QString source = longClip();
+    ASSERT_FALSE(source.isEmpty());
+    QJsonObject clip = mainClip(source, 0, 20000, 0);
+    clip.insert("transform", transform(640, 360));
+    const QString output = outputPath("stop.mp4");
+    bool sentStop = false;
+    const WorkerRun run =
+        runWorker({"export", "--project", projectFile(document(640, 360, 25, {clip})), "--output",
+                   outputRecord(output)},
+                  [&](QProcess& process, const QJsonObject& line) {
+                      if (line.contains("progress") && !sentStop) {
+                          sentStop = true;
+                          process.write("stop\n");
+                      }
+                  });
+    ASSERT_TRUE(sentStop);
+    EXPECT_EQ(run.exitCode, 1);
+    EXPECT_EQ(run.lines.last(), QJsonObject({{"state", 4}}));
+    EXPECT_FALSE(QFileInfo::exists(output));
+}
+
+TEST(WorkerProcess, ConvertRendersTheJobWithItsEdits)
+{
+    Korvane::ConvertSource source;
+    source.filePath = clipWithSound();
+    source.selfAudios = {1};
+    source.cut = {{500, 1000}};
+    source.baseFilter.volume = 50;
+    Korvane::WaterMarkParam mark;
+    mark.filePath = watermarkPng();
+    mark.centerPos = QPoint(160, 120);
+    source.waterMark = {mark};
+    const QString sourceFile =
+        writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
+    const QString output = outputPath("convert.mp4");
+    const WorkerRun run =
+        runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output, 320, 240)});
+    EXPECT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
+    ASSERT_FALSE(run.lines.isEmpty());
+    EXPECT_EQ(run.lines.first(), QJsonObject({{"state", 1}}));
+    EXPECT_EQ(run.lines.last(), QJsonObject({{"state", 5}}));
+    const Probe p = probe(output);
+    EXPECT_EQ(p.width, 320);
+    EXPECT_EQ(p.height, 240);
+    EXPECT_EQ(p.audioStreams, 1);
+    EXPECT_NEAR(p.videoDuration, 1.0, 0.1);
+    EXPECT_NEAR(p.audioDuration, 1.0, 0.1);
+    EXPECT_NEAR(meanVolume(output, 0.1, 0.8) - meanVolume(source.filePath, 0.6, 0.8), -6.02, 0.8);
+    // The red mark covers the centre of the picture.
+    const QString plain = outputPath("convert-plain.mp4");
+    ASSERT_TRUE(ffmpeg({"-ss", "0.5", "-t", "1", "-i", source.filePath, "-vf", "scale=320:240",
+                        "-c:v", "libx264", "-crf", "10", plain}));
+    EXPECT_GT(pictureDifference(output, plain, 0.5, 150, 112, 20, 16), 25.0);
+    EXPECT_LT(pictureDifference(output, plain, 0.5, 0, 0, 80, 60), 8.0);
+}
+
+TEST(WorkerProcess, ConvertWithoutOutputSizeKeepsTheSourceSize)
+{
+    Korvane::ConvertSource source;
+    source.filePath = clipWithoutSound();
+    const QString sourceFile =
+        writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
+    const QString output = outputPath("convert-size.mp4");
+    const WorkerRun run =
+        runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output)});
+    EXPECT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
+    const Probe p = probe(output);
+    EXPECT_EQ(p.width, 160);
+    EXPECT_EQ(p.height, 120);
+    EXPECT_EQ(p.audioStreams, 0); // the job keeps no sound
+    EXPECT_NEAR(p.videoDuration, 2.0, 0.1);
+}
