@@ -1,10 +1,12 @@
 #include "KorvaneDec/VobTitle.h"
 
 #include "KorvaneDec/KorvaneDecLog.h"
+#include "KorvaneDec/SaturatingMath.h"
 
 #include <QMap>
 
 #include <algorithm>
+#include <limits>
 
 extern "C" {
 #include <libavutil/avutil.h>
@@ -25,10 +27,12 @@ bool holds(const VobChapter& chapter, const AVPacket& packet)
 void rewrite(const VobTitleInfo& title, const VobChapter& chapter, AVPacket& packet)
 {
     if (packet.pts != AV_NOPTS_VALUE) {
-        packet.pts = packet.pts - chapter.firstPtsInFile + chapter.titleStartPts;
+        packet.pts =
+            saturatingAdd(saturatingSub(packet.pts, chapter.firstPtsInFile), chapter.titleStartPts);
     }
     if (packet.dts != AV_NOPTS_VALUE) {
-        packet.dts = packet.dts - chapter.firstDtsInFile + chapter.titleStartDts;
+        packet.dts =
+            saturatingAdd(saturatingSub(packet.dts, chapter.firstDtsInFile), chapter.titleStartDts);
     }
     if (chapter.mediaType == AVMEDIA_TYPE_AUDIO && title.audioDtsFromPts) {
         packet.dts = packet.pts;
@@ -39,8 +43,10 @@ void rewrite(const VobTitleInfo& title, const VobChapter& chapter, AVPacket& pac
 
 qint64 chapterLengthMs(const VobChapter& chapter, AVRational timeBase)
 {
-    const qint64 length = std::max<qint64>(
-        av_rescale_q(chapter.lastPtsInFile - chapter.firstPtsInFile, timeBase, kMilliseconds), 1);
+    const qint64 length =
+        std::max<qint64>(av_rescale_q(saturatingSub(chapter.lastPtsInFile, chapter.firstPtsInFile),
+                                      timeBase, kMilliseconds),
+                         1);
     qCDebug(lcKorvaneDec) << "chapter len: " << length << "ms";
     return length;
 }
@@ -52,8 +58,8 @@ qint64 chapterStartMs(const VobChapter& chapter, AVRational timeBase)
 
 qint64 bytesPerMs(const VobChapter& chapter, AVRational timeBase)
 {
-    const qint64 rate =
-        (chapter.tailPosInFile - chapter.headPosInFile) / chapterLengthMs(chapter, timeBase);
+    const qint64 rate = saturatingSub(chapter.tailPosInFile, chapter.headPosInFile) /
+                        chapterLengthMs(chapter, timeBase);
     qCDebug(lcKorvaneDec) << "tailPosInFile : " << chapter.tailPosInFile
                           << "headPosInFile : " << chapter.headPosInFile
                           << "sz / durationMs(timeBase) : " << rate;
@@ -77,10 +83,16 @@ int findChapter(const VobTitleInfo& title, const MediaDescription& description, 
         const VobChapter& chapter = title.chapters[i];
         const qint64 length =
             chapterLengthMs(chapter, chapterTimeBase(description, chapter.streamIndex));
-        if (start <= ms && ms <= start + length) {
+        if (start <= ms && ms <= saturatingAdd(start, length)) {
             return i;
         }
-        start += static_cast<qint32>(std::max<qint64>(length, 1));
+        // The running start is 32-bit: a title whose chapters add up past it
+        // (only a damaged file) has no chapter for any later time.
+        const qint64 next = qint64(start) + std::max<qint64>(length, 1);
+        if (next > std::numeric_limits<qint32>::max()) {
+            return -1;
+        }
+        start = static_cast<qint32>(next);
     }
     return -1;
 }
@@ -92,9 +104,10 @@ qint64 titleDurationMs(const VobTitleInfo& title, const MediaDescription& descri
     for (const VobChapter& chapter : title.chapters) {
         const AVRational timeBase = chapterTimeBase(description, chapter.streamIndex);
         if (chapter.mediaType == AVMEDIA_TYPE_VIDEO) {
-            video += chapterLengthMs(chapter, timeBase);
+            video = saturatingAdd(video, chapterLengthMs(chapter, timeBase));
         } else if (chapter.mediaType == AVMEDIA_TYPE_AUDIO) {
-            audio[chapter.streamIndex] += chapterLengthMs(chapter, timeBase);
+            qint64& sum = audio[chapter.streamIndex];
+            sum = saturatingAdd(sum, chapterLengthMs(chapter, timeBase));
         }
     }
     if (video != 0) {

@@ -24,9 +24,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         return 0;
     }
     av_log_set_level(AV_LOG_QUIET);
-    const QString path = QDir::tempPath() + QStringLiteral("/korvane-fuzz-%1.%2")
-                                                .arg(getpid())
-                                                .arg(suffixes[data[0] % 8]);
+    const QString path =
+        QDir::tempPath() +
+        QStringLiteral("/korvane-fuzz-%1.%2").arg(getpid()).arg(suffixes[data[0] % 8]);
     {
         QFile file(path);
         if (!file.open(QIODevice::WriteOnly)) {

@@ -145,6 +145,38 @@ TEST(VobTitleBuilder, BackwardDtsStartsAChapterThatContinuesTheTitle)
     EXPECT_EQ(title.audioDtsFromPts, 0);
 }
 
+TEST(VobTitleBuilder, ExtremeTimestampsOfADamagedFileSaturate)
+{
+    // Found by fuzzing: a run spanning nearly the whole 64-bit range, then a
+    // jump back. The next chapter's start sticks at the limit.
+    constexpr qint64 max = std::numeric_limits<qint64>::max();
+    VobTitleBuilder builder;
+    builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 0, -2438376108509442306, -2438376108509442306, 1);
+    builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 10, 7158576095094338548, 7158576095094338548, 1);
+    builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 20, 0, 0, 1);
+    const VobTitleInfo title = builder.finish();
+    ASSERT_EQ(title.chapters.size(), 2);
+    EXPECT_EQ(title.chapters[1].titleStartDts, max);
+    EXPECT_EQ(title.chapters[1].titleStartPts, max);
+
+    MediaDescription d;
+    auto stream = QSharedPointer<StreamInfo>::create();
+    stream->timeBase = AVRational{1, 90000};
+    d.streams = {stream};
+    EXPECT_GE(titleDurationMs(title, d), 1);
+    EXPECT_EQ(findChapter(title, d, max), -1);
+
+    // Moving a packet onto the title line cannot wrap around either.
+    VobTimeLine timeLine;
+    AVPacket packet{};
+    packet.stream_index = 0;
+    packet.pos = 20;
+    packet.pts = -max;
+    packet.dts = -max;
+    EXPECT_TRUE(placeOnTitleLine(title, timeLine, packet));
+    EXPECT_LE(packet.dts, max);
+}
+
 TEST(VobTitleBuilder, MissingTimestamps)
 {
     VobTitleBuilder builder;
