@@ -21,6 +21,10 @@
 #include <thread>
 #include <vector>
 
+#ifdef __unix__
+#include <sys/resource.h>
+#endif
+
 namespace {
 
 const std::string kMode = FAKE_FFMPEG_MODE;
@@ -98,6 +102,11 @@ int main(int argc, char** argv)
         return 1;
     }
     if (kMode == "crash") {
+#ifdef __unix__
+        // No core file for an intended crash.
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+#endif
         std::abort();
     }
     if (kMode == "stderr") {
