@@ -346,6 +346,7 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         const char* name;
         QString sourcePath;
         QString program;
+        QString outputPath;
         const char* logged;
     };
     const QString garbage = mDir->filePath("garbage.mp4");
@@ -354,10 +355,15 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(QByteArray(4096, '\x5a'));
     }
+    const QString output = mOutput.outputPath;
     const QList<Case> cases{
-        {"missing source", mDir->filePath("missing.mp4"), fakeFFmpeg("success"), nullptr},
-        {"not a media file", garbage, fakeFFmpeg("success"), nullptr},
-        {"ffmpeg missing", sClip, mDir->filePath("no-such-ffmpeg"), "ffmpeg cannot be started: "},
+        {"missing source", mDir->filePath("missing.mp4"), fakeFFmpeg("success"), output, nullptr},
+        {"not a media file", garbage, fakeFFmpeg("success"), output, nullptr},
+        // The command line cannot carry a double quote inside a quoted path,
+        // so the builder gives no arguments.
+        {"no command", sClip, fakeFFmpeg("success"), mDir->filePath("say \"cheese\".mp4"), nullptr},
+        {"ffmpeg missing", sClip, mDir->filePath("no-such-ffmpeg"), output,
+         "ffmpeg cannot be started: "},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -365,14 +371,16 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         LogCapture log;
         ConvertSource source = mSource;
         source.filePath = c.sourcePath;
-        OperatorRun run(source, mOutput);
+        AVTaskOutputParam outputParam = mOutput;
+        outputParam.outputPath = c.outputPath;
+        OperatorRun run(source, outputParam);
         EXPECT_FALSE(run.op->start());
         EXPECT_FALSE(isHardwareTranscode());
         QTest::qWait(700);
         EXPECT_EQ(run.states->count(), 0);
         EXPECT_EQ(run.progress->count(), 0);
         EXPECT_EQ(int(run.task->state()), 0);
-        EXPECT_FALSE(QFileInfo::exists(mOutput.outputPath + ".args"));
+        EXPECT_FALSE(QFileInfo::exists(c.outputPath + ".args"));
         if (c.logged) {
             EXPECT_TRUE(log.contains(c.logged));
         }
