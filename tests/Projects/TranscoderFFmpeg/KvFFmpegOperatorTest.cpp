@@ -220,6 +220,9 @@ INSTANTIATE_TEST_SUITE_P(
                       // The progress file is a folder at first: opening fails and is retried.
                       EndingCase{
                           "blocked", {1, 5}, kAllBlocks, true, true, {}, "open file failed..."},
+                      // Half-written lines are read whole at a later poll: no spurious
+                      // 15 us progress, and the end marker is not lost.
+                      EndingCase{"torn", {1, 5}, {500000, 1500000}, true, true, {}, {}},
                       EndingCase{"noend", {1, 6}, kAllBlocks, false, true, {}, "cannot read end."},
                       EndingCase{"fail", {1, 6}, {500000}, false, false, {}, {}},
                       EndingCase{"crash", {1, 6}, {500000}, false, false, {}, {}},
