@@ -50,13 +50,16 @@ void VobTitleBuilder::addPacket(qint32 streamIndex, qint32 mediaType, qint64 pos
         VobChapter next = startChapter(streamIndex, mediaType, pos, pts, dts);
         // The next chapter begins one packet after the closed one ends, so
         // that the title's time line runs on without a gap or an overlap.
+        // (title start - first) is the chapter's offset between the file's
+        // line and the title's; adding the last timestamp to it stays exact
+        // wherever the result fits.
         next.titleStartDts = saturatingAdd(
-            saturatingAdd(current.titleStartDts,
-                          saturatingSub(current.lastDtsInFile, current.firstDtsInFile)),
+            saturatingAdd(saturatingSub(current.titleStartDts, current.firstDtsInFile),
+                          current.lastDtsInFile),
             1);
         next.titleStartPts = saturatingAdd(
-            saturatingAdd(current.titleStartPts,
-                          saturatingSub(current.lastPtsInFile, current.firstPtsInFile)),
+            saturatingAdd(saturatingSub(current.titleStartPts, current.firstPtsInFile),
+                          current.lastPtsInFile),
             std::max<qint64>(open->lastDuration, 1));
         mTitle.chapters.append(current);
         current = next;

@@ -147,17 +147,22 @@ TEST(VobTitleBuilder, BackwardDtsStartsAChapterThatContinuesTheTitle)
 
 TEST(VobTitleBuilder, ExtremeTimestampsOfADamagedFileSaturate)
 {
-    // Found by fuzzing: a run spanning nearly the whole 64-bit range, then a
-    // jump back. The next chapter's start sticks at the limit.
+    // Found by fuzzing: a run spanning more than the 64-bit range, then a
+    // jump back. The next chapter's start is still exact where it fits, and
+    // sticks at the limit where it does not.
     constexpr qint64 max = std::numeric_limits<qint64>::max();
     VobTitleBuilder builder;
     builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 0, -2438376108509442306, -2438376108509442306, 1);
     builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 10, 7158576095094338548, 7158576095094338548, 1);
     builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 20, 0, 0, 1);
+    builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 30, max, max, max);
+    builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 40, 0, 0, 1);
     const VobTitleInfo title = builder.finish();
-    ASSERT_EQ(title.chapters.size(), 2);
-    EXPECT_EQ(title.chapters[1].titleStartDts, max);
-    EXPECT_EQ(title.chapters[1].titleStartPts, max);
+    ASSERT_EQ(title.chapters.size(), 3);
+    EXPECT_EQ(title.chapters[1].titleStartDts, 7158576095094338549);
+    EXPECT_EQ(title.chapters[1].titleStartPts, 7158576095094338549);
+    EXPECT_EQ(title.chapters[2].titleStartDts, max);
+    EXPECT_EQ(title.chapters[2].titleStartPts, max);
 
     MediaDescription d;
     auto stream = QSharedPointer<StreamInfo>::create();
@@ -166,15 +171,17 @@ TEST(VobTitleBuilder, ExtremeTimestampsOfADamagedFileSaturate)
     EXPECT_GE(titleDurationMs(title, d), 1);
     EXPECT_EQ(findChapter(title, d, max), -1);
 
-    // Moving a packet onto the title line cannot wrap around either.
+    // Moving a packet onto the title line: -max on the file's line is 0 on
+    // the title's, whose chapter starts at max.
     VobTimeLine timeLine;
     AVPacket packet{};
     packet.stream_index = 0;
-    packet.pos = 20;
+    packet.pos = 40;
     packet.pts = -max;
     packet.dts = -max;
     EXPECT_TRUE(placeOnTitleLine(title, timeLine, packet));
-    EXPECT_LE(packet.dts, max);
+    EXPECT_EQ(packet.pts, 0);
+    EXPECT_EQ(packet.dts, 0);
 }
 
 TEST(VobTitleBuilder, MissingTimestamps)
