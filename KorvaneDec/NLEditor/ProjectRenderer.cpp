@@ -5,6 +5,7 @@
 #include "Adapter/PictureFilters.h"
 #include "Adapter/StillPicture.h"
 #include "Adapter/VideoFrameConverter.h"
+#include "Common/OutputRules.h"
 #include "KorvaneBase/Record.h"
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"
@@ -610,12 +611,11 @@ bool ProjectRenderer::Private::openOutput(QString* error)
             enc->rc_max_rate = enc->bit_rate;
             enc->rc_min_rate = enc->bit_rate;
             enc->rc_buffer_size = static_cast<int>(2 * enc->bit_rate);
-        } else if (av_opt_set(
-                       enc->priv_data, "crf",
-                       QByteArray::number(qualityForOutput(out.video.codecName, outputSize.width(),
-                                                           outputSize.height()))
-                           .constData(),
-                       0) < 0) {
+        } else if (av_opt_set(enc->priv_data, "crf",
+                              QByteArray::number(crfQuality(out.video.codecName, outputSize.width(),
+                                                            outputSize.height()))
+                                  .constData(),
+                              0) < 0) {
             qCDebug(lcRenderer) << videoCodec->name << "has no constant-quality mode";
         }
         if (globalHeader) {

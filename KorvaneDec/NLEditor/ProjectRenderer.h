@@ -31,7 +31,7 @@ struct RenderOutcome
 //
 // Output: the video codec (h264 and h265 with the software encoders, any
 // other FFmpeg encoder by name, the container's default when none is named),
-// a constant quality from qualityForOutput when no bit rate is given, the
+// a constant quality from crfQuality when no bit rate is given, the
 // record's size (else the canvas) and frame rate (else the project's); the
 // audio codec, sample rate, channels and bit rate likewise; the container
 // from the format name, else from the file's extension. The project's cover

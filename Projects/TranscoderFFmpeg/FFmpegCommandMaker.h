@@ -72,13 +72,4 @@ TRANSCODERFFMPEG_EXPORT QString makeQsvFilterCommand(const ConvertSource& source
                                                      const QSharedPointer<MediaInfoV3>& info,
                                                      const MediaInfoProbe& probe);
 
-// The "-crf" value for an output size: 23 for h264 (else 28) lowered by up to
-// 10 for small pictures, never below 1.
-TRANSCODERFFMPEG_EXPORT int crfQuality(const QString& videoCodecName, qint32 width, qint32 height);
-
-// ffmpeg muxer name for a format or preset name (case-insensitive); empty when
-// the name is unknown. Some values are the host's preset names, kept as they
-// are.
-TRANSCODERFFMPEG_EXPORT QString muxerName(const QString& format);
-
 } // namespace Korvane

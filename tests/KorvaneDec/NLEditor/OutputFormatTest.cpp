@@ -11,45 +11,6 @@ extern "C" {
 
 using namespace Korvane;
 
-TEST(QualityForOutput, FollowsTheDiagonalRule)
-{
-    struct Row
-    {
-        const char* codec;
-        int w;
-        int h;
-        int expected;
-    };
-    const QList<Row> rows = {
-        {"h264", 1920, 1080, 21}, {"H264", 1280, 720, 21}, {"h264", 3840, 2160, 23},
-        {"h264", 0, 0, 13},       {"h265", 0, 0, 18},      {"hevc", 1920, 1080, 26},
-        {"mpeg4", 640, 480, 22},  {"h264", 2000, 0, 23},   {"h264", 160, 120, 14},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(QStringLiteral("%1 %2x%3").arg(row.codec).arg(row.w).arg(row.h).toStdString());
-        EXPECT_EQ(qualityForOutput(row.codec, row.w, row.h), row.expected);
-    }
-}
-
-TEST(MuxerForFormat, UsesTheConversionTableVerbatim)
-{
-    struct Row
-    {
-        const char* format;
-        const char* muxer;
-    };
-    const QList<Row> rows = {
-        {"mp4", "mp4"},     {"MKV", "matroska"}, {"flv", "f4v"}, {"m4a", "ipod"},
-        {"ts", "mpegts"},   {"wmv", "asf"},      {"aac", "mp4"}, {"youtube", "youtube"},
-        {"hevc2", "hevc2"}, {"mpeg2", "mpeg2"},  {"gif", "gif"}, {"nosuch", ""},
-        {"", ""},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.format);
-        EXPECT_EQ(muxerForFormat(row.format), row.muxer);
-    }
-}
-
 TEST(ResolveMuxer, FallsBackToTheExtensionWhenTheTableNamesNoMuxer)
 {
     struct Row

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Common/OutputRules.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
 #include <QMap>

@@ -1,0 +1,21 @@
+#pragma once
+
+#include "Common/CommonExport.h"
+
+#include <QString>
+
+// Output rules shared by the ffmpeg command line and the render engine, so
+// that both paths produce the same container and quality for one job.
+namespace Korvane {
+
+// The muxer name for a container or preset name (compared in lower case);
+// empty for a name that is not known. Some values are the host's preset
+// names rather than FFmpeg muxers, kept as they are.
+KORVANECOMMON_EXPORT QString muxerName(const QString& format);
+
+// The constant-quality ("-crf") value used when no video bit rate is given:
+// 23 for h264 (else 28), lowered by up to 10 for output diagonals below the
+// reference (2800 above a 2000-pixel diagonal, else 2000); never below 1.
+KORVANECOMMON_EXPORT int crfQuality(const QString& videoCodecName, qint32 width, qint32 height);
+
+} // namespace Korvane
