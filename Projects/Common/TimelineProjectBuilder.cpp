@@ -1,0 +1,511 @@
+#include "Common/TimelineProjectBuilder.h"
+
+#include "Common/JsonForms.h"
+#include "Common/TimelineProject.h"
+
+#include <QFileInfo>
+#include <QImageReader>
+#include <QLocale>
+#include <QLoggingCategory>
+
+#include <algorithm>
+#include <atomic>
+
+Q_LOGGING_CATEGORY(lcTimelineProject, "korvane.common.timelineproject", QtInfoMsg)
+
+namespace Korvane {
+namespace {
+
+// Shared by "transform_%1" and "2dTo3d_%1" across every document of the
+// process. The export engine only needs the names to be unique within one
+// document, so the counter takes no lock: two builds at the same moment may
+// draw the same number. Load and store are separate on purpose; the atomic
+// only keeps that race well defined.
+std::atomic<int> g_transformCounter{0};
+
+int nextTransformNumber()
+{
+    const int number = g_transformCounter.load(std::memory_order_relaxed);
+    g_transformCounter.store(number + 1, std::memory_order_relaxed);
+    return number;
+}
+
+int roundDownToEven(int value)
+{
+    return value - value % 2;
+}
+
+// Size of the picture in `path`, read from its header; 0 x 0 when the file is
+// missing or no image reader understands it.
+QSize imageSize(const QString& path)
+{
+    const QSize size = QImageReader(path).size();
+    return size.isValid() ? size : QSize(0, 0);
+}
+
+// Landscape 1, portrait -1, square or unknown 0, from the real-number ratio.
+int orientation(int width, int height)
+{
+    if (height <= 0) {
+        return 0;
+    }
+    const double ratio = double(width) / double(height);
+    return ratio > 1.0 ? 1 : ratio < 1.0 ? -1 : 0;
+}
+
+} // namespace
+
+TimelineProjectBuilder::TimelineProjectBuilder(const ConvertSource& source,
+                                               const QVariantMap& options,
+                                               const ContainerInfo* info)
+    : m_source(source), m_options(options), m_info(info), m_speed(source.speedOrOne())
+{}
+
+QString TimelineProjectBuilder::build()
+{
+    probe();
+    m_document.insert("id", "/");
+    writePreviewParam();
+    writeZoom();
+    m_document.insert("preview_param", m_previewParam);
+    createTracks();
+    buildMainTransform();
+    buildMainFilters();
+    appendSourceClips();
+    appendAttachedAudioClips();
+    appendWaterMarks();
+    m_document.insert("tracks", m_tracks);
+    m_document.insert("clips", m_clips);
+    return variantMapToJson(m_document, true);
+}
+
+qint64 TimelineProjectBuilder::durationRule() const
+{
+    if (!m_info->audioStreams.isEmpty() && m_info->audioStreams.first().durationMs >= 1) {
+        return m_info->audioStreams.first().durationMs;
+    }
+    return m_info->durationMs;
+}
+
+void TimelineProjectBuilder::probe()
+{
+    if (m_info) {
+        const QList<ContainerVideoStream>& video = m_info->videoStreams;
+        const bool onlyCover = video.size() == 1 && video.first().attachedPic;
+        m_realPicture = !video.isEmpty() && !onlyCover;
+        if (!m_realPicture) {
+            m_durationMs = durationRule();
+            if (onlyCover) {
+                m_width = roundDownToEven(video.first().displayWidth);
+                m_height = roundDownToEven(video.first().displayHeight);
+            }
+            if (!m_source.coverPath.isEmpty()) {
+                const QSize cover = imageSize(m_source.coverPath);
+                m_width = roundDownToEven(cover.width());
+                m_height = roundDownToEven(cover.height());
+            }
+        } else {
+            const ContainerVideoStream& first = video.first();
+            // Integer division on purpose: 30000/1001 becomes 29.
+            if (first.frameRateNum != 0 && first.frameRateDen != 0) {
+                m_fps = double(first.frameRateNum / first.frameRateDen);
+            }
+            const ContainerVideoStream& picture =
+                first.attachedPic && video.size() >= 2 ? video.at(1) : first;
+            m_width = picture.displayWidth;
+            m_height = picture.displayHeight;
+            m_durationMs = picture.durationMs > 0 ? picture.durationMs : durationRule();
+        }
+    }
+    m_pictureWidth = m_width;
+    m_pictureHeight = m_height;
+
+    if (m_options.contains("duration")) {
+        m_durationMs = m_options.value("duration").toLongLong();
+    }
+    if (m_options.contains("width")) {
+        m_width = m_options.value("width").toInt();
+    }
+    if (m_options.contains("height")) {
+        m_height = m_options.value("height").toInt();
+    }
+    if (m_options.contains("fps")) {
+        m_fps = m_options.value("fps").toDouble();
+    }
+
+    const int audioStreams = m_info ? int(m_info->audioStreams.size()) : 0;
+    m_selfAudioTracks = std::min(int(m_source.selfAudios.size()), audioStreams);
+
+    qCDebug(lcTimelineProject) << "probed" << m_source.filePath << "picture" << m_pictureWidth
+                               << "x" << m_pictureHeight << "canvas" << m_width << "x" << m_height
+                               << "fps" << m_fps << "duration" << m_durationMs << "real picture"
+                               << m_realPicture;
+}
+
+void TimelineProjectBuilder::writePreviewParam()
+{
+    m_previewParam.insert("id", "preview_param");
+    m_previewParam.insert("fps", m_fps);
+    m_previewParam.insert("width", m_width != 0 ? m_width : 640);
+    m_previewParam.insert("height", m_height != 0 ? m_height : 480);
+    if (m_source.selfAudios.isEmpty() && m_source.attachedAudio.isEmpty()) {
+        m_previewParam.insert("audio_disabled", true);
+    }
+    if (!m_realPicture) {
+        m_previewParam.insert("video_disabled", true);
+        if (isSocialOutputType(m_options.value("socialType").toString())) {
+            m_previewParam.insert("video_disabled", false);
+        }
+    }
+}
+
+void TimelineProjectBuilder::writeZoom()
+{
+    if (m_width == 0 || m_height == 0 || m_pictureWidth == 0 || m_pictureHeight == 0 ||
+        m_source.waterMark.isEmpty()) {
+        return;
+    }
+    // Integer divisions: only the coarse shape decides which side is kept.
+    if (m_width / m_height <= m_pictureWidth / m_pictureHeight) {
+        const double zoom = double(m_width) / m_pictureWidth;
+        m_previewParam.insert("zoom", zoom);
+        m_previewParam.insert("height", m_height / zoom);
+        m_previewParam.insert("width", m_pictureWidth);
+    } else {
+        const double zoom = double(m_height) / m_pictureHeight;
+        m_previewParam.insert("zoom", zoom);
+        m_previewParam.insert("width", m_width / zoom);
+        m_previewParam.insert("height", m_pictureHeight);
+    }
+}
+
+QVariantMap TimelineProjectBuilder::makeTrack(const QString& kind, int zOrder, bool trunk)
+{
+    return QVariantMap{{"id", QStringLiteral("track_%1").arg(m_trackCounter++)},
+                       {"type", "track"},
+                       {"kind", kind},
+                       {"z_order", zOrder},
+                       {"trunk", trunk},
+                       {"disabled", false},
+                       {"mute", false}};
+}
+
+void TimelineProjectBuilder::createTracks()
+{
+    const int count = std::max(1, m_selfAudioTracks + int(m_source.attachedAudio.size()));
+    m_tracks.append(makeTrack("video", 0, true));
+    for (int t = 1; t < count; ++t) {
+        m_tracks.append(makeTrack("audio", -1, false));
+    }
+    if (!m_source.metaData.isEmpty()) {
+        QVariantMap metaData = m_source.metaData;
+        metaData.insert("id", "meta_data");
+        m_document.insert("meta_data", metaData);
+    }
+    if (!m_source.coverPath.isEmpty()) {
+        m_document.insert("cover", QVariantMap{{"id", "cover"}, {"path", m_source.coverPath}});
+    }
+}
+
+std::optional<float> TimelineProjectBuilder::rotationScale(int rotation) const
+{
+    if ((rotation != 90 && rotation != 270) || m_width == 0 || m_height == 0) {
+        return std::nullopt;
+    }
+    const CropParam crop = m_source.crop.value_or(CropParam{});
+    const int W = m_width;
+    const int H = m_height;
+    const float fw = float(W) * float(crop.cropW);
+    const float fh = float(H) * float(crop.cropH);
+    if (!(fw > 0.0f) || !(fh > 0.0f)) {
+        return std::nullopt;
+    }
+    const float a = fw / fh;
+    const float r = float(W / H);
+    int P = H;
+    int Q = W;
+    if (a > r) {
+        P = int(float(W) * fh / fw);
+    } else {
+        Q = int(float(H) * fw / fh);
+    }
+    if (P <= 0 || Q <= 0) {
+        return std::nullopt;
+    }
+    const float q = float(P / Q);
+    const int pictureShape = orientation(m_pictureWidth, m_pictureHeight);
+    const bool sameOrientation = pictureShape != 0 && pictureShape == orientation(W, H);
+    const double widthFit = double(W) / P;
+    const double heightFit = double(H) / Q;
+    if (sameOrientation) {
+        return float(q > r ? widthFit : heightFit);
+    }
+    return float(q > r ? heightFit : widthFit);
+}
+
+void TimelineProjectBuilder::buildMainTransform()
+{
+    const CropParam crop = m_source.crop.value_or(CropParam{});
+    // Shortest text that reads back as the same double.
+    const auto number = [](double value) {
+        return QString::number(value, 'g', QLocale::FloatingPointShortest);
+    };
+    m_mainTransform = QVariantMap{{"id", QStringLiteral("transform_%1").arg(nextTransformNumber())},
+                                  {"type", "transform"},
+                                  {"bg_size", QStringLiteral("%1,%2").arg(m_width).arg(m_height)},
+                                  {"crop", QStringLiteral("%1,%2,%3,%4")
+                                               .arg(number(crop.cropX), number(crop.cropY),
+                                                    number(crop.cropW), number(crop.cropH))},
+                                  {"flip_x", crop.flipX},
+                                  {"flip_y", crop.flipY}};
+
+    if (const std::optional<float> scale = rotationScale(crop.rotation)) {
+        m_mainTransform.insert("scale_x", *scale);
+        m_mainTransform.insert("scale_y", *scale);
+    }
+
+    // A side-by-side picture is squeezed to half its width, a top-and-bottom
+    // one to half its height. The export engine lays the whole-file clip and
+    // the cut clips out differently, hence the two corrections for the latter.
+    const QString& effect = m_source.effectFilter;
+    if (effect.contains("Anaglyph")) {
+        if (effect.contains("Side by Side")) {
+            m_mainTransform.insert("scale_x", 2.0);
+        } else if (effect.contains("Top and Bottom")) {
+            if (m_source.cut.isEmpty()) {
+                m_mainTransform.insert("scale_y", 2.0);
+            } else {
+                m_mainTransform.insert("scale_x", 0.5);
+            }
+        }
+    }
+    m_mainTransform.insert("rotation", crop.rotation);
+}
+
+QString TimelineProjectBuilder::nextFilterId(const QString& prefix)
+{
+    return prefix + QString::number(m_filterCounter++);
+}
+
+QVariantMap TimelineProjectBuilder::makeVideoFilter(const QString& name, const QVariant& value)
+{
+    return QVariantMap{{"id", nextFilterId("vfilter_")},
+                       {"type", "video_filter"},
+                       {"name", name},
+                       {"value", value}};
+}
+
+void TimelineProjectBuilder::buildMainFilters()
+{
+    const BaseFilterParam& base = m_source.baseFilter;
+    const std::pair<const char*, qint32> adjustments[] = {
+        {"Brightness", base.brightness},
+        {"Contrast", base.contrast},
+        {"Saturation", base.saturation},
+        {"Sharpen", base.sharpen},
+        {"Shadow", base.shadow},
+        {"HighLight", base.highlight},
+        {"ColorTemperature", base.colorTemperature},
+        {"ColorHue", base.hue}};
+    for (const auto& [name, value] : adjustments) {
+        if (value != 0) {
+            m_mainVideoFilters.append(makeVideoFilter(name, value));
+        }
+    }
+    if (!m_source.aiMosaic.path.isEmpty()) {
+        m_mainVideoFilters.append(makeVideoFilter("AIMosaic", m_source.aiMosaic.path));
+    }
+    if (!m_source.aiAutoReframe.path.isEmpty()) {
+        m_mainVideoFilters.append(makeVideoFilter("AIAutoReframe", m_source.aiAutoReframe.path));
+    }
+
+    const QString& effect = m_source.effectFilter;
+    if (effect.contains("Anaglyph")) {
+        m_mainVideoFilters.append(
+            QVariantMap{{"id", nextFilterId("video_filter_")},
+                        {"anaglyph_type", effect},
+                        {"source", QStringLiteral("2dTo3d_%1").arg(nextTransformNumber())}});
+    } else if (!effect.isEmpty()) {
+        // An effect is a folder whose config.json names its resources.
+        const QVariantMap config = jsonToVariantMap(readTextFile(effect + "/config.json"));
+        m_mainVideoFilters.append(QVariantMap{{"id", nextFilterId("video_filter_")},
+                                              {"type", "video_filter"},
+                                              {"value", 100},
+                                              {"dir_path", effect},
+                                              {"rcc_prefix", config.value("rcc_prefix").toString()},
+                                              {"source", config.value("source").toString()},
+                                              {"title", config.value("title").toString()},
+                                              {"kind", "video"}});
+    }
+
+    if (m_source.baseFilter.volume != 100) {
+        m_mainAudioFilters.append(QVariantMap{{"id", nextFilterId("afilter_")},
+                                              {"type", "audio_filter"},
+                                              {"name", "Volume"},
+                                              {"value", m_source.baseFilter.volume}});
+    }
+}
+
+QVariantMap TimelineProjectBuilder::makeMediaClip(const QString& kind, const QString& filePath,
+                                                  int track)
+{
+    return QVariantMap{
+        {"type", "clip"},        {"kind", kind},
+        {"file_path", filePath}, {"track_ref", QStringLiteral("track_%1").arg(track)},
+        {"speed", m_speed},      {"stream_index", track}};
+}
+
+void TimelineProjectBuilder::appendMediaClip(QVariantMap clip)
+{
+    clip.insert("id", QStringLiteral("clip_%1").arg(m_clipCounter++));
+    m_clips.append(clip);
+}
+
+QVariantList TimelineProjectBuilder::subtitles() const
+{
+    const bool display =
+        m_options.contains("export_mode") && !m_options.value("export_mode").toBool();
+    QVariantList list;
+    for (const SelfSubtitle& subtitle : m_source.selfSubtitles) {
+        list.append(QVariantMap{{"id", QStringLiteral("subtitle_%1").arg(list.size())},
+                                {"embedded_subtitle_stream_index", subtitle.index},
+                                {"attached_file_path", m_source.filePath},
+                                {"attached_offset", 0},
+                                {"title", subtitle.title},
+                                {"display", display}});
+    }
+    for (const AttachedSubtitle& subtitle : m_source.attachedSubtitle) {
+        const QString title = subtitle.title.isEmpty()
+                                  ? QFileInfo(subtitle.filePath).completeBaseName()
+                                  : subtitle.title;
+        list.append(QVariantMap{{"id", QStringLiteral("subtitle_%1").arg(list.size())},
+                                {"embedded_subtitle_stream_index", 0},
+                                {"attached_file_path", subtitle.filePath},
+                                {"attached_offset", subtitle.startMs},
+                                {"title", title},
+                                {"display", display}});
+    }
+    return list;
+}
+
+void TimelineProjectBuilder::appendSourceClips()
+{
+    const int trackCount = std::max(1, m_selfAudioTracks);
+    for (int t = 0; t < trackCount; ++t) {
+        QString kind = "audio";
+        if (t == 0) {
+            kind = m_selfAudioTracks == 0 ? "video_only"
+                   : m_realPicture        ? "video"
+                                          : "audio_with_cover";
+        }
+        QVariantMap clip = makeMediaClip(kind, m_source.filePath, t);
+        if (!m_source.selfAudios.isEmpty()) {
+            clip.insert("file_audio_stream_index", m_source.selfAudios.at(t));
+        }
+        if (t == 0) {
+            clip.insert("transform", m_mainTransform);
+            if (!m_mainVideoFilters.isEmpty()) {
+                clip.insert("video_filters", m_mainVideoFilters);
+            }
+            if (!m_mainAudioFilters.isEmpty()) {
+                clip.insert("audio_filters", m_mainAudioFilters);
+            }
+        }
+
+        if (m_source.cut.isEmpty()) {
+            clip.insert("timeline_pos", 0);
+            clip.insert("range_begin", 0);
+            clip.insert("range_length", m_durationMs);
+            if (t == 0) {
+                clip.insert("subtitles", subtitles());
+            }
+            appendMediaClip(clip);
+            continue;
+        }
+        qint64 earlier = 0;
+        for (const CutRange& range : m_source.cut) {
+            QVariantMap cutClip = clip;
+            cutClip.insert("timeline_pos", float(earlier) / m_speed);
+            cutClip.insert("range_begin", range.begin);
+            cutClip.insert("range_length", range.length);
+            appendMediaClip(cutClip);
+            earlier += range.length;
+        }
+    }
+}
+
+void TimelineProjectBuilder::appendAttachedAudioClips()
+{
+    const int firstTrack = std::max(1, m_selfAudioTracks);
+    for (int i = 0; i < m_source.attachedAudio.size(); ++i) {
+        const AttachedAudio& audio = m_source.attachedAudio.at(i);
+        // Without own audio tracks the attached files count from track 0 on,
+        // even though track 0 is the picture's.
+        const int track = m_source.selfAudios.isEmpty() ? i : firstTrack + i;
+        QVariantMap clip = makeMediaClip("audio", audio.filePath, track);
+        clip.insert("file_audio_stream_index", -1);
+
+        if (m_source.cut.isEmpty()) {
+            clip.insert("timeline_pos", 0);
+            clip.insert("range_begin", 0);
+            clip.insert("range_length", m_durationMs);
+            appendMediaClip(clip);
+            continue;
+        }
+        qint64 earlier = 0;
+        for (int k = 0; k < m_source.cut.size(); ++k) {
+            const CutRange& range = m_source.cut.at(k);
+            // The k-th cut starts at the k-th attached file's offset; a cut
+            // without a matching file starts at 0.
+            const qint64 begin =
+                k < m_source.attachedAudio.size() ? m_source.attachedAudio.at(k).startMs : 0;
+            QVariantMap cutClip = clip;
+            cutClip.insert("timeline_pos", float(earlier) / m_speed);
+            cutClip.insert("range_begin", begin);
+            cutClip.insert("range_length", range.length);
+            appendMediaClip(cutClip);
+            earlier += range.length;
+        }
+    }
+}
+
+qint64 TimelineProjectBuilder::usedLength() const
+{
+    if (m_source.cut.isEmpty()) {
+        return m_durationMs;
+    }
+    qint64 sum = 0;
+    for (const CutRange& range : m_source.cut) {
+        sum += range.length;
+    }
+    return sum;
+}
+
+void TimelineProjectBuilder::appendWaterMarks()
+{
+    for (int i = 0; i < m_source.waterMark.size(); ++i) {
+        const WaterMarkParam& mark = m_source.waterMark.at(i);
+        const int track = m_trackCounter;
+        m_tracks.append(makeTrack("effect", i + 2, false));
+        const QVariantMap transform{
+            {"id", QStringLiteral("transform_image_%1").arg(i)},
+            {"rotation", mark.rotation},
+            {"flip_x", mark.flipX},
+            {"flip_y", mark.flipY},
+            {"scale_x", mark.scaleX},
+            {"scale_y", mark.scaleY},
+            {"center_pos",
+             QStringLiteral("%1,%2").arg(mark.centerPos.x()).arg(mark.centerPos.y())}};
+        m_clips.append(QVariantMap{{"id", QStringLiteral("clip_image_%1").arg(i)},
+                                   {"type", "image"},
+                                   {"file_path", mark.filePath},
+                                   {"track_ref", QStringLiteral("track_%1").arg(track)},
+                                   {"timeline_pos", 0},
+                                   {"range_length", usedLength()},
+                                   {"alpha", mark.alpha},
+                                   {"speed", m_speed},
+                                   {"transform", transform}});
+    }
+}
+
+} // namespace Korvane
