@@ -1,0 +1,3 @@
+#include "KorvaneDec/KorvaneDecLog.h"
+
+Q_LOGGING_CATEGORY(lcKorvaneDec, "korvane.dec")

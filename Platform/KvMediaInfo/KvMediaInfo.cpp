@@ -1,0 +1,127 @@
+#include "KvMediaInfo/KvMediaInfo.h"
+
+#include "KorvaneDec/FFDemuxer.h"
+#include "KorvaneDec/StreamProbing.h"
+
+#include <cmath>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavutil/pixdesc.h>
+}
+
+namespace Korvane {
+namespace {
+
+QString codecName(int codecId)
+{
+    switch (codecId) {
+    case AV_CODEC_ID_H264:
+        return QStringLiteral("h264");
+    case AV_CODEC_ID_HEVC:
+        return QStringLiteral("h265");
+    default:
+        return QString::fromUtf8(avcodec_get_name(static_cast<AVCodecID>(codecId)));
+    }
+}
+
+double sampleAspectRatio(const VideoStreamInfo& video)
+{
+    return video.sarNum > 0 && video.sarDen > 0 ? double(video.sarNum) / video.sarDen : 1.0;
+}
+
+} // namespace
+
+QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool probeStreams)
+{
+    Q_UNUSED(hint)
+    Q_UNUSED(probeStreams)
+    FFDemuxer demuxer;
+    if (!demuxer.open(path)) {
+        return {};
+    }
+    const QSharedPointer<MediaDescription> description = demuxer.mediaInfo();
+    const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
+    if (!description || !context) {
+        return {};
+    }
+    auto info = QSharedPointer<MediaInfoV3>::create();
+    info->filePath = path;
+    info->formatName = context->iformat ? QString::fromUtf8(context->iformat->name) : QString();
+    info->durationMs = description->durationMs;
+    for (const QSharedPointer<VideoStreamInfo>& video : description->videoStreams) {
+        MediaInfoVideoStream stream;
+        stream.index = video->streamIndex;
+        stream.codecName = codecName(video->codecId);
+        stream.width = video->width;
+        stream.height = video->height;
+        stream.rotation = video->rotation;
+        stream.sarNum = video->sarNum;
+        stream.sarDen = video->sarDen;
+        const AVPixFmtDescriptor* pixel =
+            av_pix_fmt_desc_get(static_cast<AVPixelFormat>(video->pixelFormat));
+        if (pixel) {
+            stream.pixelFormat = QString::fromUtf8(pixel->name);
+            stream.bitDepth = pixel->comp[0].depth;
+        }
+        info->videoStreams.append(stream);
+    }
+    for (const QSharedPointer<AudioStreamInfo>& audio : description->audioStreams) {
+        MediaInfoAudioStream stream;
+        stream.index = audio->streamIndex;
+        stream.codecName = codecName(audio->codecId);
+        stream.channels = audio->channels;
+        stream.sampleRate = audio->sampleRate;
+        info->audioStreams.append(stream);
+    }
+    return info;
+}
+
+QSharedPointer<ContainerInfo> getContainInfo(const QString& path, bool computeDuration)
+{
+    FFDemuxer demuxer;
+    if (!demuxer.open(path)) {
+        return {};
+    }
+    const QSharedPointer<MediaDescription> description = demuxer.mediaInfo();
+    const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
+    if (!description || !context) {
+        return {};
+    }
+    auto info = QSharedPointer<ContainerInfo>::create();
+    info->durationMs = description->durationMs;
+    for (const QSharedPointer<VideoStreamInfo>& video : description->videoStreams) {
+        const AVStream* avStream = context->streams[video->streamIndex];
+        ContainerVideoStream stream;
+        stream.index = video->streamIndex;
+        stream.frameRateNum = avStream->avg_frame_rate.num;
+        stream.frameRateDen = avStream->avg_frame_rate.den;
+        stream.durationMs = computeDuration ? video->durationMs : 0;
+        stream.attachedPic = (avStream->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
+        const auto width =
+            static_cast<qint32>(std::trunc(video->width * sampleAspectRatio(*video)));
+        const bool sideways = video->rotation == 90 || video->rotation == 270;
+        stream.displayWidth = sideways ? video->height : width;
+        stream.displayHeight = sideways ? width : video->height;
+        info->videoStreams.append(stream);
+    }
+    for (const QSharedPointer<AudioStreamInfo>& audio : description->audioStreams) {
+        ContainerAudioStream stream;
+        stream.index = audio->streamIndex;
+        stream.durationMs = computeDuration ? audio->durationMs : 0;
+        info->audioStreams.append(stream);
+    }
+    return info;
+}
+
+qint64 mediaDuration(const QString& path)
+{
+    // The container duration alone: no stream needs describing.
+    FFDemuxer demuxer;
+    if (!demuxer.open(path)) {
+        return 0;
+    }
+    return containerDurationMs(demuxer.formatContext()->duration);
+}
+
+} // namespace Korvane

@@ -1,0 +1,363 @@
+#include "TranscoderFFmpeg/KvFFmpegOperator.h"
+
+#include "Common/AVFFmpegTask.h"
+#include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneDec/FFDemuxer.h"
+#include "TranscoderFFmpeg/FFmpegCommandMaker.h"
+#include "TranscoderFFmpeg/FFmpegProgress.h"
+
+#include <QCoreApplication>
+#include <QDebug>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QFile>
+#include <QFileInfo>
+#include <QLoggingCategory>
+#include <QMetaEnum>
+#include <QStandardPaths>
+#include <QTimer>
+#include <QUuid>
+
+#include <atomic>
+#include <cstdio>
+
+extern "C" {
+#include <libavcodec/codec_id.h>
+}
+
+namespace Korvane {
+namespace {
+
+Q_LOGGING_CATEGORY(lcOperator, "korvane.transcoder.operator")
+
+const char* const kSourceFile = "Projects/TranscoderFFmpeg/KvFFmpegOperator";
+constexpr int kPollIntervalMs = 500;
+
+// Set while some ffmpeg run is active; read from any thread by isHardwareTranscode.
+std::atomic<bool> transcodeRunning{false};
+
+QString joinPathParts(const QString& first, const QString& second)
+{
+    return QDir::cleanPath(first + QDir::separator() + second);
+}
+
+} // namespace
+
+KvFFmpegOperator::KvFFmpegOperator(const QSharedPointer<IAVTask>& task)
+    : BasicObject(nullptr), mTask(task),
+      // The first group of the braced form: characters 1 to 8.
+      mTempName(QUuid::createUuid().toString().mid(1, 8))
+{}
+
+KvFFmpegOperator::~KvFFmpegOperator()
+{
+    // Only an operator that no shared pointer owns can go while ffmpeg runs.
+    // The process must not report to a half-destroyed object.
+    if (mProcess && mProcess->state() != QProcess::NotRunning) {
+        mProcess->disconnect(this);
+        mProcess->kill();
+        mProcess->waitForFinished();
+        transcodeRunning.exchange(false);
+    }
+}
+
+bool KvFFmpegOperator::isTranscodeRunning()
+{
+    return transcodeRunning.load();
+}
+
+QString KvFFmpegOperator::ffmpegProgram()
+{
+    const QString configured =
+        KorvaneBaseEntry()->settings().value(QStringLiteral("kFFmpeg_Path")).toString();
+    if (!configured.isEmpty()) {
+        return configured;
+    }
+#ifdef Q_OS_WIN
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/ffmpeg.exe");
+#else
+    return QCoreApplication::applicationDirPath() + QStringLiteral("/ffmpeg");
+#endif
+}
+
+QString KvFFmpegOperator::progressFilePath() const
+{
+    const QString base = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    const QString folder = joinPathParts(base, QStringLiteral("KvFFmpeg"));
+    QDir().mkpath(folder);
+    const QString tempFolder = joinPathParts(folder, QStringLiteral(".temp"));
+    QDir().mkpath(tempFolder);
+    return joinPathParts(tempFolder, mTempName);
+}
+
+AVFFmpegTask* KvFFmpegOperator::ffmpegTask() const
+{
+    return dynamic_cast<AVFFmpegTask*>(mTask.data());
+}
+
+void KvFFmpegOperator::setTaskState(int state)
+{
+    if (AVFFmpegTask* task = ffmpegTask()) {
+        task->setState(TaskState(state));
+    }
+}
+
+bool KvFFmpegOperator::start()
+{
+    AVFFmpegTask* task = ffmpegTask();
+    if (!task) {
+        return false;
+    }
+    const ConvertSource& source = *task->source();
+    const AVTaskOutputParam& output = *task->outputParam();
+
+    FFDemuxer demuxer;
+    if (!demuxer.open(source.filePath)) {
+        return false;
+    }
+    if (const auto info = demuxer.mediaInfo()) {
+        mDurationMs = info->durationMs;
+    }
+    const auto info = demuxer.mediaInfo();
+    if (!info) {
+        return false;
+    }
+    if (!info->streams.isEmpty()) {
+        const int codecId = info->streams.first()->codecId;
+        if (codecId == AV_CODEC_ID_H264) {
+            mDecoderName = QStringLiteral("H264");
+        } else if (codecId == AV_CODEC_ID_HEVC) {
+            mDecoderName = QStringLiteral("HEVC");
+        }
+    }
+
+    mProcess = std::make_unique<QProcess>();
+    mElapsed = std::make_unique<QElapsedTimer>();
+    mElapsed->start();
+    const QString progressPath = progressFilePath();
+    mProgressFile = std::make_unique<QFile>(progressPath);
+    QFile::remove(progressPath);
+    connect(mProgressFile.get(), SIGNAL(readyRead()), this, SLOT(onReadyRead_win()));
+
+    mPollTimer = std::make_unique<QTimer>();
+    mPollTimer->setSingleShot(false);
+    connect(mPollTimer.get(), &QTimer::timeout, this, [this] { pollProgress(); });
+    mPollTimer->start(kPollIntervalMs);
+
+    connect(mProcess.get(), SIGNAL(finished(int, QProcess::ExitStatus)), this,
+            SLOT(onFinished(int, QProcess::ExitStatus)));
+    connect(mProcess.get(), SIGNAL(readyReadStandardError()), this,
+            SLOT(onReadyReadStandardError()));
+
+    const QStringList arguments = makeFFmpegCommand(source, output, progressPath, mCommandOption);
+    if (arguments.isEmpty()) {
+        return false;
+    }
+
+    const QString outputDir = QFileInfo(output.outputPath).dir().absolutePath();
+    if (!QDir(outputDir).exists()) {
+        QDir().mkpath(outputDir);
+    }
+
+    // The builder quotes paths itself, so the arguments are joined as they are.
+    const QString commandLine = QLatin1Char('"') + ffmpegProgram() + QStringLiteral("\" ") +
+                                arguments.join(QLatin1Char(' '));
+    fprintf(stderr, "execute cmd: %s\n", commandLine.toLocal8Bit().constData());
+    qCDebug(lcOperator) << "execute cmd:" << commandLine;
+
+    transcodeRunning.exchange(true);
+#ifdef Q_OS_WIN
+    // The whole line as the program: the builder's quoting reaches ffmpeg as written.
+    mProcess->start(commandLine, QStringList(), QIODevice::ReadWrite);
+#else
+    // Split the same way, honouring the builder's double quotes; never a shell.
+    QStringList parts = QProcess::splitCommand(commandLine);
+    const QString program = parts.takeFirst();
+    mProcess->start(program, parts, QIODevice::ReadWrite);
+#endif
+    if (!mProcess->waitForStarted()) {
+        Record("Korvane::KvFFmpegOperator::start", __LINE__, kSourceFile, this, 0)
+            << "ffmpeg cannot be started: " << mProcess->errorString();
+        transcodeRunning.exchange(false);
+        mPollTimer->stop();
+        return false;
+    }
+    mSelf = sharedFromThis();
+    emit ffmpegTaskStateChanged(int(TaskState::Started));
+    return true;
+}
+
+void KvFFmpegOperator::pause() {}
+
+void KvFFmpegOperator::resume() {}
+
+void KvFFmpegOperator::stop()
+{
+    if (mProcess) {
+        mProcess->kill();
+    }
+    if (mPollTimer) {
+        // stop() may be reached from a slot of this timer's own poll.
+        mPollTimer->stop();
+        mPollTimer.release()->deleteLater();
+    }
+    mStopped = true;
+    setTaskState(int(TaskState::Stopped));
+    transcodeRunning.exchange(false);
+    emit ffmpegTaskStateChanged(int(TaskState::Stopped));
+}
+
+QSharedPointer<IAVTask> KvFFmpegOperator::task()
+{
+    return mTask;
+}
+
+void KvFFmpegOperator::cleanup() {}
+
+QString KvFFmpegOperator::errorString()
+{
+    return QString();
+}
+
+QVariantMap KvFFmpegOperator::operatorInfo()
+{
+    QString encoderName = mDecoderName;
+    const AVFFmpegTask* task = ffmpegTask();
+    if (task && task->outputParam()->acceleration.hardwareEnabled) {
+        const QString& gpuName = task->outputParam()->acceleration.gpuName;
+        if (gpuName.indexOf(QStringLiteral("Intel")) != -1) {
+            encoderName = QStringLiteral("%1_qsv").arg(mDecoderName);
+        } else if (gpuName.indexOf(QStringLiteral("NVIDIA")) != -1) {
+            encoderName = QStringLiteral("%1_nvenc").arg(mDecoderName);
+        } else {
+            encoderName.clear();
+        }
+    }
+    return {
+        {QStringLiteral("operatorName"), QStringLiteral("ConvertGpuOperator")},
+        {QStringLiteral("decoderName"), mDecoderName},
+        {QStringLiteral("encoderName"), encoderName},
+        {QStringLiteral("processMode"), QStringLiteral("FFMPEG Mode")},
+    };
+}
+
+void KvFFmpegOperator::pollProgress()
+{
+    if (!mProgressFile) {
+        return;
+    }
+    if (!mProgressFile->isOpen()) {
+        // ffmpeg creates the file with its first report.
+        if (!mProgressFile->exists()) {
+            return;
+        }
+        if (!mProgressFile->open(QIODevice::ReadOnly | QIODevice::Text)) {
+            qCDebug(lcOperator) << "open file failed...";
+            return;
+        }
+        qCDebug(lcOperator) << "open file success";
+    }
+    onReadyRead_win();
+}
+
+void KvFFmpegOperator::onReadyRead_win()
+{
+    AVFFmpegTask* task = ffmpegTask();
+    if (!task || !mProgressFile || !mProgressFile->isOpen()) {
+        return;
+    }
+    // The file stays open, so each read continues where the last one stopped.
+    for (;;) {
+        const qint64 lineStart = mProgressFile->pos();
+        const QByteArray raw = mProgressFile->readLine();
+        if (raw.isEmpty()) {
+            break;
+        }
+        if (!raw.endsWith('\n')) {
+            // ffmpeg is half-way through this line (a torn "progress=end" would
+            // lose the end marker); take it whole at the next poll.
+            mProgressFile->seek(lineStart);
+            break;
+        }
+        const QString line = QString::fromUtf8(raw);
+        const float value = parseProgressLine(line, mDurationMs);
+        if (value > 0 && double(value) != task->progress()) {
+            task->setProgress(value);
+            task->setState(TaskState::Running);
+            emit ffmpegTaskProgress(value);
+        }
+        if (isProgressEnd(line)) {
+            mEndSeen = true;
+        }
+    }
+}
+
+void KvFFmpegOperator::onReadyReadStandardError()
+{
+    // Only errors reach this stream ("-v error"); the text stays buffered for onFinished.
+    Record("Korvane::KvFFmpegOperator::onReadyReadStandardError", __LINE__, kSourceFile, this, 0)
+        << "some error output ready, terminate ffmpeg";
+    if (mProcess) {
+        mProcess->kill();
+    }
+}
+
+void KvFFmpegOperator::onFinished(int exitCode, QProcess::ExitStatus exitStatus)
+{
+    qCDebug(lcOperator).nospace() << "exit code: " << exitCode << ", status: "
+                                  << QMetaEnum::fromType<QProcess::ExitStatus>().valueToKey(
+                                         exitStatus);
+    if (!mStopped) {
+        pollProgress();
+    }
+    if (mPollTimer) {
+        mPollTimer->stop();
+    }
+
+    bool errorsSeen = false;
+    const QString errorText = QString::fromUtf8(mProcess->readAllStandardError());
+    if (!errorText.isEmpty()) {
+        errorsSeen = true;
+        Record("Korvane::KvFFmpegOperator::onFinished", __LINE__, kSourceFile, this, 0)
+            << "ffmpeg cnv failed: " << errorText;
+    }
+
+    const QString outputPath = mTask->outputPath();
+    if (exitCode != 0) {
+        // Also after stop(): the killed process reports 6 after the 4.
+        transcodeRunning.exchange(false);
+        setTaskState(int(TaskState::Failed));
+        emit ffmpegTaskStateChanged(int(TaskState::Failed));
+        QFile::remove(outputPath);
+        releaseSelf();
+        return;
+    }
+
+    mProcess.release()->deleteLater();
+    if (mEndSeen && !errorsSeen) {
+        setTaskState(int(TaskState::Finished));
+        emit ffmpegTaskStateChanged(int(TaskState::Finished));
+    } else {
+        qCDebug(lcOperator) << "cannot read end.";
+        if (!mStopped) {
+            setTaskState(int(TaskState::Failed));
+            emit ffmpegTaskStateChanged(int(TaskState::Failed));
+        }
+    }
+    releaseSelf();
+    transcodeRunning.exchange(false);
+}
+
+void KvFFmpegOperator::releaseSelf()
+{
+    // The run ends inside a signal of the process this object owns. Were this
+    // the last reference, destroying the operator here would delete the process
+    // under its own emission, so the reference is let go from the event loop.
+    if (mSelf) {
+        QSharedPointer<KvFFmpegOperator> last;
+        last.swap(mSelf);
+        QTimer::singleShot(0, [last] {});
+    }
+}
+
+} // namespace Korvane
