@@ -1,9 +1,11 @@
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
 #include "KorvaneBase/Record.h"
+#include "KorvaneGPUHardwareAcceleration/KorvaneGPUHardwareAcceleration.h"
 
 #include <QHash>
 #include <QLoggingCategory>
+#include <QThread>
 
 #include <algorithm>
 #include <cmath>
@@ -120,6 +122,11 @@ std::optional<MarkBox> markBox(const WaterMarkParam& mark, const PictureFacts& f
 bool isFullPicture(const CropParam& crop)
 {
     return crop.cropX == 0.0 && crop.cropY == 0.0 && crop.cropW == 1.0 && crop.cropH == 1.0;
+}
+
+QSharedPointer<MediaInfoV3> probeMedia(const QString& path)
+{
+    return getMediaInfo(path, -2, true);
 }
 
 const QHash<QString, QString>& muxerTable()
@@ -325,26 +332,22 @@ QString makeQsvFilterCommand(const ConvertSource& source, const AVTaskOutputPara
     int cw = inW;
     int ch = inH;
     bool cropped = false;
-    CropParam edits;
-    edits.rotation = 0;
-    if (source.crop) {
-        const CropParam& crop = *source.crop;
-        edits = crop;
-        bool known = true;
+    // Without a record there are no flips and no rotation of the job's own.
+    const CropParam edits = source.crop.value_or(CropParam{});
+    // The rectangle is mapped for streams turned by 0 or 90 degrees only.
+    if (source.crop && (facts->streamRotation == 0 || facts->streamRotation == 90)) {
         if (facts->streamRotation == 0) {
-            cw = static_cast<int>(inW * crop.cropW);
-            ch = static_cast<int>(inH * crop.cropH);
-            cx = static_cast<int>(inW * crop.cropX);
-            cy = static_cast<int>(inH * crop.cropY);
-        } else if (facts->streamRotation == 90) {
-            cw = static_cast<int>(inW * crop.cropH);
-            ch = static_cast<int>(inH * crop.cropW);
-            cx = static_cast<int>(inW * crop.cropY);
-            cy = static_cast<int>((crop.cropW + crop.cropX) * inH);
+            cw = static_cast<int>(inW * edits.cropW);
+            ch = static_cast<int>(inH * edits.cropH);
+            cx = static_cast<int>(inW * edits.cropX);
+            cy = static_cast<int>(inH * edits.cropY);
         } else {
-            known = false;
+            cw = static_cast<int>(inW * edits.cropH);
+            ch = static_cast<int>(inH * edits.cropW);
+            cx = static_cast<int>(inW * edits.cropY);
+            cy = static_cast<int>((edits.cropW + edits.cropX) * inH);
         }
-        if (known && (cw < inW || ch < inH)) {
+        if (cw < inW || ch < inH) {
             cropped = true;
             picW = cw;
             picH = ch;
@@ -645,6 +648,29 @@ QStringList makeFFmpegCommand(const ConvertSource& source, const AVTaskOutputPar
     args << QStringLiteral("-f") << muxerName(param.format);
     args << quoted(param.outputPath);
     return args;
+}
+
+QString makeCudaFilterCommand(const ConvertSource& source, const AVTaskOutputParam::Video& video,
+                              const QSharedPointer<MediaInfoV3>& info)
+{
+    return makeCudaFilterCommand(source, video, info, probeMedia);
+}
+
+QString makeQsvFilterCommand(const ConvertSource& source, const AVTaskOutputParam::Video& video,
+                             const QSharedPointer<MediaInfoV3>& info)
+{
+    return makeQsvFilterCommand(source, video, info, probeMedia);
+}
+
+QStringList makeFFmpegCommand(const ConvertSource& source, const AVTaskOutputParam& param,
+                              const QString& progressTarget, int /*option*/)
+{
+    FFmpegCommandFacts facts;
+    facts.info = probeMedia(source.filePath);
+    facts.probe = probeMedia;
+    facts.qsvDeviceInitExplicit = KorvaneGPUHardwareAccelerationEntry()->qsvDeviceInitExplicit();
+    facts.hardwareThreads = QThread::idealThreadCount();
+    return makeFFmpegCommand(source, param, progressTarget, facts);
 }
 
 } // namespace Korvane
