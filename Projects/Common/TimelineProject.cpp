@@ -1,5 +1,8 @@
 #include "Common/TimelineProject.h"
 
+#include "Common/TimelineProjectBuilder.h"
+#include "KvMediaInfo/KvMediaInfo.h"
+
 #include <QDir>
 #include <QFile>
 #include <QJsonArray>
@@ -7,6 +10,15 @@
 #include <QJsonParseError>
 
 namespace Korvane {
+
+QString makeTimelineProjectJson(const ConvertSource& source, const QVariantMap& options)
+{
+    // The stream durations are only worth computing when the caller does not
+    // know the length already.
+    const QSharedPointer<ContainerInfo> info =
+        getContainInfo(source.filePath, !options.contains("duration"));
+    return TimelineProjectBuilder(source, options, info.data()).build();
+}
 
 bool isSocialOutputType(const QString& type)
 {

@@ -63,7 +63,7 @@ TimelineProjectBuilder::TimelineProjectBuilder(const ConvertSource& source,
 
 QString TimelineProjectBuilder::build()
 {
-    probe();
+    readMediaFacts();
     m_document.insert("id", "/");
     writePreviewParam();
     writeZoom();
@@ -87,7 +87,7 @@ qint64 TimelineProjectBuilder::durationRule() const
     return m_info->durationMs;
 }
 
-void TimelineProjectBuilder::probe()
+void TimelineProjectBuilder::readMediaFacts()
 {
     if (m_info) {
         const QList<ContainerVideoStream>& video = m_info->videoStreams;

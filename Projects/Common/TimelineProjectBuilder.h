@@ -19,7 +19,8 @@ namespace Korvane {
 //
 // `info` holds the probed facts of the source file; null stands for a file
 // that could not be probed (defaults: 25 fps, 640 x 480, duration 0). It is
-// only read, and must outlive the builder. One builder makes one document.
+// only read, and must outlive the builder; the source and the options are
+// copied. One builder makes one document: call build() once.
 class KORVANECOMMON_EXPORT TimelineProjectBuilder
 {
 public:
@@ -30,7 +31,7 @@ public:
     QString build();
 
 private:
-    void probe();
+    void readMediaFacts();
     void writePreviewParam();
     void writeZoom();
     void createTracks();
@@ -52,8 +53,8 @@ private:
     qint64 usedLength() const;
     qint64 durationRule() const;
 
-    const ConvertSource& m_source;
-    const QVariantMap& m_options;
+    const ConvertSource m_source;
+    const QVariantMap m_options;
     const ContainerInfo* m_info;
     const float m_speed;
 
