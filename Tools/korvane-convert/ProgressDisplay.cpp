@@ -178,7 +178,8 @@ void ProgressDisplay::endJob(const QString& finalState, int exitCode, qint64 ela
         }
         writeEvent(event);
     }
-    if (!mQuiet) {
+    // A failure is told even with --quiet.
+    if (!mQuiet || exitCode != 0) {
         QString line = QStringLiteral("job %1/%2 %3 after %4 (path %5): %6")
                            .arg(mIndex)
                            .arg(mCount)

@@ -46,7 +46,7 @@ ProgressStyle chooseProgressStyle(bool jsonProgress, bool quiet, bool stderrIsTe
 // Reports the jobs of one invocation. `human` receives text for a person
 // (standard error), `machine` the JSON events (standard output); neither is
 // owned. With --json-progress the human text is the path and summary lines
-// only, and nothing at all with --quiet.
+// only; with --quiet it is the summary line of a job that did not finish.
 //
 // JSON events, one compact object per line:
 //   {"event":"start","job":1,"jobs":2,"input":..,"output":..,"path":..,"reason":..}

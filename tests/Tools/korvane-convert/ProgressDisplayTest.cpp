@@ -108,7 +108,8 @@ TEST(ProgressDisplay, JsonEventsOnePerLineAndHumanTextOnlyForPathAndSummary)
     display.state(TaskState::Started, 10);
     display.progress(0.5, 2000);
     display.endJob("Failed", 1, 3000, "reason");
-    EXPECT_TRUE(human.data().isEmpty());
+    // Quiet keeps only the failure's summary.
+    EXPECT_EQ(human.data().toStdString(), "job 1/2 failed after 00:03 (path converter): reason\n");
     const QList<QByteArray> lines = machine.data().split('\n');
     ASSERT_EQ(lines.size(), 5);
     EXPECT_TRUE(lines[4].isEmpty());
