@@ -63,7 +63,9 @@ public:
     ~WorkerProcessOperator() override;
 
     // False, with errorString() set, when the job files cannot be written,
-    // the worker is not an executable file, or a run is already active.
+    // the worker is not an executable file, or a run is already active. An
+    // executable that the system then refuses to run is found out through
+    // the event loop: the run ends in 6 (no 1 before it, no restart).
     bool start() override;
     // The protocol has no pause: nothing happens.
     void pause() override;

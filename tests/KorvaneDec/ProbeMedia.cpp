@@ -122,6 +122,11 @@ QString tenBit(const QString& codec)
     return TestMedia::generate("probe/" + codec + "-10bit.mp4", args);
 }
 
+QString toneMp3()
+{
+    return TestMedia::generate("probe/tone.mp3", tone(2) + QStringList{"-c:a", "libmp3lame"});
+}
+
 QString mp3WithCover()
 {
     return TestMedia::generate(

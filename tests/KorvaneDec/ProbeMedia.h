@@ -21,6 +21,8 @@ QString rotatedH264(int degrees);
 QString anamorphicH264();
 // 10-bit H.264 or HEVC ("h264" / "hevc") in MP4.
 QString tenBit(const QString& codec);
+// MP3 of 2 s, audio only.
+QString toneMp3();
 // MP3 with a PNG cover as an attached picture.
 QString mp3WithCover();
 // ASF with WMV2 video of `frames` frames and 3 s of WMA audio.

@@ -12,6 +12,7 @@
 #include <QDir>
 #include <QFileInfo>
 #include <QPointer>
+#include <QTemporaryDir>
 
 #include <gtest/gtest.h>
 
@@ -300,4 +301,30 @@ TEST(ConverterOperator, ReceiverMayReleaseTheOperatorOnTheFinalState)
     EXPECT_TRUE(watch.isNull());
     EXPECT_EQ(bus.states(), (QList<int>{1, 5}));
     EXPECT_TRUE(allGone(worker.jobPaths(1)));
+}
+
+// An executable file that the system refuses to run is only found out once
+// the process has been tried: the run ends in 6 without a 1, and a program
+// that cannot run is not tried again.
+TEST(ConverterOperator, WorkerThatCannotBeExecuted)
+{
+    ScriptedWorker worker("success");
+    QTemporaryDir dir;
+    const QString broken = dir.filePath("korvane-worker");
+    QFile file(broken);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(QByteArray(64, '\x7f'));
+    file.close();
+    file.setPermissions(QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
+    KorvaneBaseEntry()->settings().setValue("kWorker_Path", broken);
+
+    const auto op = createConverterContainRetryOp_IPC(jobSource(), jobOutput());
+    BusRecorder bus(op->task());
+    ASSERT_TRUE(op->start());
+    ASSERT_TRUE(bus.waitForFinalState());
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 300);
+    EXPECT_EQ(bus.states(), (QList<int>{6}));
+    EXPECT_EQ(op->task()->state(), TaskState::Failed);
+    EXPECT_TRUE(op->errorString().contains(broken));
+    EXPECT_EQ(op->operatorInfo().value("runs").toInt(), 1);
 }

@@ -1,0 +1,210 @@
+#include "Common/ConvertSourceHelper.h"
+
+#include "Common/TimelineProject.h"
+#include "KorvaneBase/Record.h"
+#include "KorvaneDec/FFDemuxer.h"
+#include "KvMediaInfo/KvMediaInfo.h"
+
+#include <QLoggingCategory>
+#include <QMap>
+#include <QStringList>
+
+#include <cmath>
+
+extern "C" {
+#include <libavutil/dict.h>
+#include <libavutil/pixdesc.h>
+}
+
+Q_LOGGING_CATEGORY(lcConvertSourceHelper, "korvane.common.convertsource")
+
+namespace Korvane {
+
+namespace {
+
+const QString kSourceFile = QStringLiteral("Projects/Common/ConvertSourceHelper");
+
+// Built afresh on each call; membership is tested on lower-cased words.
+QStringList h264ContainerList()
+{
+    return {"mp4", "mkv", "avi", "mov", "m4v", "f4v", "flv"};
+}
+
+QStringList hevcContainerList()
+{
+    return {"mp4", "mkv", "avi", "mov"};
+}
+
+// Every entry of the container's metadata dictionary.
+QMap<QString, QString> containerMetadata(const AVFormatContext* context)
+{
+    QMap<QString, QString> tags;
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(context->metadata, "", entry, AV_DICT_IGNORE_SUFFIX))) {
+        tags.insert(QString::fromUtf8(entry->key), QString::fromUtf8(entry->value));
+    }
+    return tags;
+}
+
+// The job keeps the file's tags: the texts and the genre read as an integer
+// agree. Missing keys read as empty text or 0.
+bool keepsMetadata(const QMap<QString, QString>& fileTags, const QVariantMap& requested)
+{
+    for (const char* key : {"title", "artist", "album", "date", "comment", "composer"}) {
+        const QString name = QString::fromLatin1(key);
+        if (fileTags.value(name) != requested.value(name).toString()) {
+            qCDebug(lcConvertSourceHelper) << "metadata differs:" << name;
+            return false;
+        }
+    }
+    return fileTags.value(QStringLiteral("genre")).toInt() ==
+           requested.value(QStringLiteral("genre")).toString().toInt();
+}
+
+bool hasBaseFilterEdits(const BaseFilterParam& filter)
+{
+    return filter.brightness != 0 || filter.contrast != 0 || filter.saturation != 0 ||
+           filter.sharpen != 0 || filter.shadow != 0 || filter.highlight != 0 ||
+           filter.colorTemperature != 0 || filter.hue != 0 || filter.volume != 100;
+}
+
+bool speedWithin(const ConvertSource& source, double tolerance)
+{
+    return !source.speed || std::fabs(double(*source.speed) - 1.0) <= tolerance;
+}
+
+} // namespace
+
+bool ConvertSourceHelper::isSupportedByTranscoderFFmpeg(const ConvertSource& source,
+                                                        const AVTaskOutputParam& output)
+{
+    FFDemuxer demuxer;
+    if (!demuxer.open(source.filePath)) {
+        return false;
+    }
+    const QSharedPointer<MediaDescription> summary = demuxer.mediaInfo();
+    if (!summary) {
+        return false;
+    }
+    const qsizetype dot = source.filePath.lastIndexOf(QLatin1Char('.'));
+    const QString extension = source.filePath.mid(dot + 1).toLower();
+    const QString format = output.format.toLower();
+    const QString videoCodec = output.video.codecName.toLower();
+    if (summary->streams.isEmpty()) {
+        return false;
+    }
+
+    const StreamInfo& first = *summary->streams.first();
+    if (first.codecId == AV_CODEC_ID_H264) {
+        if (!h264ContainerList().contains(extension)) {
+            return false;
+        }
+        // High-bit-depth H.264 is refused.
+        const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
+        if (first.streamIndex >= 0 && unsigned(first.streamIndex) < context->nb_streams) {
+            const AVCodecParameters* parameters = context->streams[first.streamIndex]->codecpar;
+            const AVPixFmtDescriptor* descriptor =
+                av_pix_fmt_desc_get(AVPixelFormat(parameters->format));
+            if (descriptor && descriptor->comp[0].depth >= 10) {
+                return false;
+            }
+        }
+    } else if (first.codecId == AV_CODEC_ID_HEVC) {
+        if (!hevcContainerList().contains(extension)) {
+            return false;
+        }
+    } else {
+        return false;
+    }
+
+    if (videoCodec == QLatin1String("h264")) {
+        if (!h264ContainerList().contains(format)) {
+            return false;
+        }
+    } else if (videoCodec == QLatin1String("h265")) {
+        if (!hevcContainerList().contains(format)) {
+            return false;
+        }
+    } else {
+        return false;
+    }
+
+    if (!keepsMetadata(containerMetadata(demuxer.formatContext().data()), source.metaData)) {
+        return false;
+    }
+
+    const QSharedPointer<MediaInfoV3> info = getMediaInfo(source.filePath, -1, true);
+    if (!info) {
+        return false;
+    }
+    const qsizetype audioCount = info->audioStreams.size();
+    if (source.selfAudios.size() > 1 || source.selfAudios.size() < audioCount) {
+        return false;
+    }
+    if (!source.selfSubtitles.isEmpty() || !source.attachedAudio.isEmpty() ||
+        !source.attachedSubtitle.isEmpty() || !source.coverPath.isEmpty() ||
+        !source.cut.isEmpty()) {
+        return false;
+    }
+    if (!speedWithin(source, 0.000001)) {
+        return false;
+    }
+    if (hasBaseFilterEdits(source.baseFilter)) {
+        return false;
+    }
+    if (!source.aiMosaic.path.isEmpty()) {
+        return false;
+    }
+    for (const char* key : {"plugin", "operator", "operatorDllPath"}) {
+        if (!source.extraParam.value(QString::fromLatin1(key)).toString().isEmpty()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool isConverterSourceSupportedByTranscoder(const ConvertSource& source, const QString& platform)
+{
+    // Deliberately looser than the ffmpeg check's tolerance.
+    if (!speedWithin(source, 0.01)) {
+        return false;
+    }
+    if (hasBaseFilterEdits(source.baseFilter) || !source.aiMosaic.path.isEmpty()) {
+        return false;
+    }
+    if (isSocialOutputType(platform)) {
+        Record(QStringLiteral("Korvane::isConverterSourceSupportedByTranscoder"), __LINE__,
+               kSourceFile, nullptr, 0)
+            << "social output.";
+        return false;
+    }
+
+    // A file that cannot be read gets the benefit of the doubt.
+    FFDemuxer demuxer;
+    if (!demuxer.open(source.filePath)) {
+        return true;
+    }
+    const QSharedPointer<MediaDescription> summary = demuxer.mediaInfo();
+    if (!summary || summary->streams.isEmpty()) {
+        return true;
+    }
+    const qint32 index = summary->streams.first()->streamIndex;
+    const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
+    if (index < 0 || unsigned(index) >= context->nb_streams) {
+        return true;
+    }
+    const AVCodecParameters* parameters = context->streams[index]->codecpar;
+    if (!parameters) {
+        return true;
+    }
+    if (parameters->color_space == AVCOL_SPC_BT2020_NCL ||
+        parameters->color_space == AVCOL_SPC_BT2020_CL) {
+        Record(QStringLiteral("Korvane::isConverterSourceSupportedByTranscoder"), __LINE__,
+               kSourceFile, nullptr, 0)
+            << "HDR video";
+        return false;
+    }
+    return true;
+}
+
+} // namespace Korvane
