@@ -183,6 +183,7 @@ bool KvFFmpegOperator::start()
         return false;
     }
     mSelf = sharedFromThis();
+    setTaskState(int(TaskState::Started));
     emit ffmpegTaskStateChanged(int(TaskState::Started));
     return true;
 }

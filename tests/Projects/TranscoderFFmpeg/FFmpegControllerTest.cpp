@@ -86,7 +86,7 @@ protected:
     // little longer, so that late reports would be seen.
     static void settle()
     {
-        QTest::qWaitFor([] { return !isHardwareTranscode(); }, 20000);
+        EXPECT_TRUE(QTest::qWaitFor([] { return !isHardwareTranscode(); }, 20000));
         QTest::qWait(300);
     }
 
@@ -170,7 +170,6 @@ TEST_F(FFmpegControllerTest, OperatorThatCannotStartFallsBackAtOnce)
     BusRecorder bus(op->task());
 
     EXPECT_TRUE(op->start());
-    EXPECT_EQ(worker.runs(), 1);
     ASSERT_TRUE(bus.waitForFinalState());
     settle();
 
@@ -400,11 +399,14 @@ TEST_F(FFmpegControllerTest, RealFFmpegConvertsAGeneratedClip)
 
     EXPECT_EQ(bus.states(), (QList<int>{1, 5}));
     const QList<double> progress = bus.progress();
-    ASSERT_FALSE(progress.isEmpty());
-    for (qsizetype i = 1; i < progress.size(); ++i) {
+    ASSERT_GE(progress.size(), 2);
+    // Output time rises block by block and may pass the probed duration by a
+    // few milliseconds; the end marker then reports exactly 1.0.
+    for (qsizetype i = 1; i + 1 < progress.size(); ++i) {
         EXPECT_GT(progress.at(i), progress.at(i - 1)) << "at " << i;
     }
     EXPECT_GT(progress.first(), 0.0);
+    EXPECT_NEAR(progress.at(progress.size() - 2), 1.0, 0.02);
     EXPECT_EQ(progress.last(), 1.0);
     EXPECT_EQ(worker.runs(), 0);
 

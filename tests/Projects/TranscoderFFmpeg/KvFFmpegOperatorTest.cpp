@@ -69,9 +69,9 @@ QList<double> doublesOf(const QSignalSpy& spy)
 }
 
 // One operator on a fresh task, with a spy on each of its signals.
-struct Run
+struct OperatorRun
 {
-    Run(const ConvertSource& source, const AVTaskOutputParam& output)
+    OperatorRun(const ConvertSource& source, const AVTaskOutputParam& output)
         : task(QSharedPointer<AVFFmpegTask>::create(source, output)),
           op(QSharedPointer<KvFFmpegOperator>::create(task)),
           states(std::make_unique<QSignalSpy>(op.data(), SIGNAL(ffmpegTaskStateChanged(int)))),
@@ -185,7 +185,7 @@ TEST_P(OperatorEnding, ReportsStateProgressAndOutput)
     const EndingCase& c = GetParam();
     useFFmpeg(fakeFFmpeg(c.mode));
     LogCapture log;
-    Run run(mSource, mOutput);
+    OperatorRun run(mSource, mOutput);
 
     ASSERT_TRUE(run.op->start());
     EXPECT_TRUE(isHardwareTranscode());
@@ -239,7 +239,7 @@ TEST_F(KvFFmpegOperatorTest, ErrorTextAfterTheEndMarkerStillFails)
     // with it the fate of the output; the state is 6 either way.
     useFFmpeg(fakeFFmpeg("errorexit0"));
     LogCapture log;
-    Run run(mSource, mOutput);
+    OperatorRun run(mSource, mOutput);
     ASSERT_TRUE(run.op->start());
     ASSERT_TRUE(run.waitForEnd());
     EXPECT_EQ(intsOf(*run.states), (QList<int>{1, 6}));
@@ -249,7 +249,7 @@ TEST_F(KvFFmpegOperatorTest, ErrorTextAfterTheEndMarkerStillFails)
 TEST_F(KvFFmpegOperatorTest, StopDuringARunGivesFourThenSix)
 {
     useFFmpeg(fakeFFmpeg("hang"));
-    Run run(mSource, mOutput);
+    OperatorRun run(mSource, mOutput);
     ASSERT_TRUE(run.op->start());
     // The first block arrives through the 500 ms poll while ffmpeg still runs.
     ASSERT_TRUE(run.progress->wait(5000));
@@ -272,7 +272,7 @@ TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
 {
     useFFmpeg(fakeFFmpeg("hang"));
     EXPECT_FALSE(isHardwareTranscode());
-    Run first(mSource, mOutput);
+    OperatorRun first(mSource, mOutput);
     ASSERT_TRUE(first.op->start());
     EXPECT_TRUE(isHardwareTranscode());
 
@@ -281,7 +281,7 @@ TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
     useFFmpeg(fakeFFmpeg("success"));
     AVTaskOutputParam otherOutput = mOutput;
     otherOutput.outputPath = mDir->filePath("second.mp4");
-    Run second(mSource, otherOutput);
+    OperatorRun second(mSource, otherOutput);
     ASSERT_TRUE(second.op->start());
     EXPECT_TRUE(isHardwareTranscode());
     ASSERT_TRUE(QTest::qWaitFor([&] { return second.states->count() == 2; }, 20000));
@@ -295,7 +295,7 @@ TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
 TEST_F(KvFFmpegOperatorTest, CommandLineReachesFFmpegArgumentByArgument)
 {
     useFFmpeg(fakeFFmpeg("success"));
-    Run run(mSource, mOutput);
+    OperatorRun run(mSource, mOutput);
     ASSERT_FALSE(QDir(QFileInfo(mOutput.outputPath).absolutePath()).exists());
 
     testing::internal::CaptureStderr();
@@ -365,7 +365,7 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         LogCapture log;
         ConvertSource source = mSource;
         source.filePath = c.sourcePath;
-        Run run(source, mOutput);
+        OperatorRun run(source, mOutput);
         EXPECT_FALSE(run.op->start());
         EXPECT_FALSE(isHardwareTranscode());
         QTest::qWait(700);
@@ -382,7 +382,7 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
 TEST_F(KvFFmpegOperatorTest, OutlivesItsOwnerWhileFFmpegRuns)
 {
     useFFmpeg(fakeFFmpeg("success"));
-    Run run(mSource, mOutput);
+    OperatorRun run(mSource, mOutput);
     ASSERT_TRUE(run.op->start());
     QPointer<KvFFmpegOperator> watch(run.op.data());
     run.op.reset();
@@ -432,7 +432,7 @@ TEST_P(OperatorInfo, NamesDecoderAndEncoder)
     mOutput.acceleration.hardwareEnabled = c.hardware;
     mOutput.acceleration.gpuName = c.gpu;
     useFFmpeg(fakeFFmpeg("success"));
-    Run run(mSource, mOutput);
+    OperatorRun run(mSource, mOutput);
 
     const QVariantMap before = run.op->operatorInfo();
     EXPECT_EQ(before.value("decoderName").toString(), "");
