@@ -1,3 +1,4 @@
 #include "KorvaneDec/KorvaneDecLog.h"
 
-Q_LOGGING_CATEGORY(lcKorvaneDec, "korvane.dec")
+// Quiet unless asked for, e.g. QT_LOGGING_RULES="korvane.dec.debug=true".
+Q_LOGGING_CATEGORY(lcKorvaneDec, "korvane.dec", QtInfoMsg)
