@@ -36,7 +36,7 @@ QFile& standardOutput()
 {
     static QFile file;
     if (!file.isOpen()) {
-        file.open(stdout, QIODevice::WriteOnly | QIODevice::Unbuffered);
+        file.open(STDOUT_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered);
     }
     return file;
 }
@@ -45,7 +45,7 @@ QFile& standardError()
 {
     static QFile file;
     if (!file.isOpen()) {
-        file.open(stderr, QIODevice::WriteOnly | QIODevice::Unbuffered);
+        file.open(STDERR_FILENO, QIODevice::WriteOnly | QIODevice::Unbuffered);
     }
     return file;
 }
