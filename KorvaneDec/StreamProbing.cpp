@@ -139,7 +139,8 @@ QSharedPointer<StreamInfo> streamInfo(const AVStream* stream, int index)
     return info;
 }
 
-QSharedPointer<MediaDescription> describeMedia(AVFormatContext* context, const QString& filePath)
+QSharedPointer<MediaDescription> describeMedia(AVFormatContext* context, const QString& filePath,
+                                               bool checkFewPackets)
 {
     if (!context) {
         return {};
@@ -148,7 +149,8 @@ QSharedPointer<MediaDescription> describeMedia(AVFormatContext* context, const Q
     description->durationMs = containerDurationMs(context->duration);
     description->startTimeMs = context->start_time / 1000;
     description->bitRate = context->bit_rate;
-    const bool asf = context->iformat && isAsfFamily(QString::fromUtf8(context->iformat->name));
+    const bool asf = checkFewPackets && context->iformat &&
+                     isAsfFamily(QString::fromUtf8(context->iformat->name));
     if (context->iformat && context->iformat->long_name) {
         description->formatName = QString::fromUtf8(context->iformat->long_name);
     }

@@ -15,10 +15,12 @@ extern "C" {
 namespace Korvane {
 
 // The description of an opened input; null when `context` is null.
-// `filePath` is the input's path, reopened by isFewPacketVideo() for ASF-family
-// inputs only (one extra open for those, none for others).
-KORVANEDEC_EXPORT QSharedPointer<MediaDescription> describeMedia(AVFormatContext* context,
-                                                                 const QString& filePath);
+// With `checkFewPackets`, the first video stream of an ASF-family input is
+// marked as a still picture when isFewPacketVideo() says so, which reopens
+// `filePath` (one extra open for those inputs, none for others). Without it
+// the still-picture flag is the attached-picture disposition alone.
+KORVANEDEC_EXPORT QSharedPointer<MediaDescription>
+describeMedia(AVFormatContext* context, const QString& filePath, bool checkFewPackets = true);
 
 KORVANEDEC_EXPORT QSharedPointer<VideoStreamInfo>
 videoStreamInfo(const AVStream* stream, AVFormatContext* context, int index);

@@ -10,6 +10,8 @@ extern "C" {
 #include <libavutil/pixdesc.h>
 }
 
+// Each call opens the file exactly once: the facts given out need no
+// few-packet check, which would reopen ASF-family files.
 namespace Korvane {
 namespace {
 
@@ -40,8 +42,8 @@ QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool pro
     if (!demuxer.open(path)) {
         return {};
     }
-    const QSharedPointer<MediaDescription> description = demuxer.mediaInfo();
     const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
+    const QSharedPointer<MediaDescription> description = describeMedia(context.data(), path, false);
     if (!description || !context) {
         return {};
     }
@@ -83,8 +85,8 @@ QSharedPointer<ContainerInfo> getContainInfo(const QString& path, bool computeDu
     if (!demuxer.open(path)) {
         return {};
     }
-    const QSharedPointer<MediaDescription> description = demuxer.mediaInfo();
     const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
+    const QSharedPointer<MediaDescription> description = describeMedia(context.data(), path, false);
     if (!description || !context) {
         return {};
     }

@@ -115,13 +115,11 @@ bool KvFFmpegOperator::start()
     if (!demuxer.open(source.filePath)) {
         return false;
     }
-    if (const auto info = demuxer.mediaInfo()) {
-        mDurationMs = info->durationMs;
-    }
     const auto info = demuxer.mediaInfo();
     if (!info) {
         return false;
     }
+    mDurationMs = info->durationMs;
     if (!info->streams.isEmpty()) {
         const int codecId = info->streams.first()->codecId;
         if (codecId == AV_CODEC_ID_H264) {
@@ -151,6 +149,7 @@ bool KvFFmpegOperator::start()
 
     const QStringList arguments = makeFFmpegCommand(source, output, progressPath, mCommandOption);
     if (arguments.isEmpty()) {
+        mPollTimer->stop();
         return false;
     }
 

@@ -221,6 +221,15 @@ TEST(FewPacketVideo, TwoFrameWmvIsStillButNotInMp4)
     ASSERT_TRUE(still);
     ASSERT_EQ(still->videoStreams.size(), 1);
     EXPECT_EQ(still->videoStreams[0]->stillPicture, 1);
+    // Without the check only the disposition counts, and no second open happens.
+    FFDemuxer demuxer;
+    ASSERT_TRUE(demuxer.open(wmv2));
+    const auto unchecked = describeMedia(demuxer.formatContext().data(), wmv2, false);
+    ASSERT_TRUE(unchecked);
+    EXPECT_EQ(unchecked->videoStreams[0]->stillPicture, 0);
+    EXPECT_EQ(describeMedia(demuxer.formatContext().data(), wmv2)->videoStreams[0]->stillPicture,
+              1);
+
     const auto moving = describe(wmv8);
     ASSERT_TRUE(moving);
     EXPECT_EQ(moving->videoStreams[0]->stillPicture, 0);

@@ -12,6 +12,7 @@
 //   crash        one block, then aborts
 //   blocked      a folder where the progress file belongs for a while (the file
 //                cannot be opened), then the whole report; exit 0
+//   torn         lines left half-written across several polls; exit 0
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -98,6 +99,14 @@ int main(int argc, char** argv)
         return 0;
     }
     writeBlock(progressPath, 500000, false);
+    if (kMode == "torn") {
+        std::ofstream progress(progressPath, std::ios::app);
+        for (const char* piece : {"out_time_us=15", "00000\nprogress=e", "nd\n"}) {
+            progress << piece << std::flush;
+            pause(700);
+        }
+        return 0;
+    }
     if (kMode == "fail") {
         return 1;
     }

@@ -220,6 +220,9 @@ INSTANTIATE_TEST_SUITE_P(
                       // The progress file is a folder at first: opening fails and is retried.
                       EndingCase{
                           "blocked", {1, 5}, kAllBlocks, true, true, {}, "open file failed..."},
+                      // Half-written lines are read whole at a later poll: no spurious
+                      // 15 us progress, and the end marker is not lost.
+                      EndingCase{"torn", {1, 5}, {500000, 1500000}, true, true, {}, {}},
                       EndingCase{"noend", {1, 6}, kAllBlocks, false, true, {}, "cannot read end."},
                       EndingCase{"fail", {1, 6}, {500000}, false, false, {}, {}},
                       EndingCase{"crash", {1, 6}, {500000}, false, false, {}, {}},
@@ -346,6 +349,7 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         const char* name;
         QString sourcePath;
         QString program;
+        QString outputPath;
         const char* logged;
     };
     const QString garbage = mDir->filePath("garbage.mp4");
@@ -354,10 +358,15 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         ASSERT_TRUE(file.open(QIODevice::WriteOnly));
         file.write(QByteArray(4096, '\x5a'));
     }
+    const QString output = mOutput.outputPath;
     const QList<Case> cases{
-        {"missing source", mDir->filePath("missing.mp4"), fakeFFmpeg("success"), nullptr},
-        {"not a media file", garbage, fakeFFmpeg("success"), nullptr},
-        {"ffmpeg missing", sClip, mDir->filePath("no-such-ffmpeg"), "ffmpeg cannot be started: "},
+        {"missing source", mDir->filePath("missing.mp4"), fakeFFmpeg("success"), output, nullptr},
+        {"not a media file", garbage, fakeFFmpeg("success"), output, nullptr},
+        // The command line cannot carry a double quote inside a quoted path,
+        // so the builder gives no arguments.
+        {"no command", sClip, fakeFFmpeg("success"), mDir->filePath("say \"cheese\".mp4"), nullptr},
+        {"ffmpeg missing", sClip, mDir->filePath("no-such-ffmpeg"), output,
+         "ffmpeg cannot be started: "},
     };
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
@@ -365,14 +374,16 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         LogCapture log;
         ConvertSource source = mSource;
         source.filePath = c.sourcePath;
-        OperatorRun run(source, mOutput);
+        AVTaskOutputParam outputParam = mOutput;
+        outputParam.outputPath = c.outputPath;
+        OperatorRun run(source, outputParam);
         EXPECT_FALSE(run.op->start());
         EXPECT_FALSE(isHardwareTranscode());
         QTest::qWait(700);
         EXPECT_EQ(run.states->count(), 0);
         EXPECT_EQ(run.progress->count(), 0);
         EXPECT_EQ(int(run.task->state()), 0);
-        EXPECT_FALSE(QFileInfo::exists(mOutput.outputPath + ".args"));
+        EXPECT_FALSE(QFileInfo::exists(c.outputPath + ".args"));
         if (c.logged) {
             EXPECT_TRUE(log.contains(c.logged));
         }
