@@ -1,0 +1,154 @@
+#include "JobFile.h"
+
+#include "Common/JsonForms.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QSaveFile>
+
+namespace Korvane {
+
+namespace {
+
+const QString kSourceKey = QStringLiteral("ConvertSource");
+const QString kOutputKey = QStringLiteral("AVTaskOutputParam");
+const QString kTimelineKey = QStringLiteral("timelineOptions");
+
+// A value of the expected JSON kind, else the zero of the field: a number
+// where text is expected (or the reverse) is treated as missing.
+QString text(const QVariantMap& map, const QString& key)
+{
+    const QVariant v = map.value(key);
+    return v.typeId() == QMetaType::QString ? v.toString() : QString();
+}
+
+double number(const QVariantMap& map, const QString& key)
+{
+    const QVariant v = map.value(key);
+    switch (v.typeId()) {
+    case QMetaType::Double:
+    case QMetaType::LongLong:
+    case QMetaType::Int:
+        return v.toDouble();
+    default:
+        return 0.0;
+    }
+}
+
+bool flag(const QVariantMap& map, const QString& key)
+{
+    const QVariant v = map.value(key);
+    return v.typeId() == QMetaType::Bool && v.toBool();
+}
+
+} // namespace
+
+AVTaskOutputParam outputParamFromVariantMap(const QVariantMap& map)
+{
+    AVTaskOutputParam p;
+    p.outputPath = text(map, "outputPath");
+    p.format = text(map, "format");
+    p.ipcMode = flag(map, "ipcMode");
+    p.taskMode = qint32(number(map, "taskMode"));
+    p.vodDeMuxEnable = flag(map, "vodDeMuxEnable");
+    p.twoPassEncoding = flag(map, "twoPassEncoding");
+    p.isAlpha = flag(map, "isAlpha");
+    p.isUseSourceSDKPlatformSolution = flag(map, "isUseSourceSDKPlatformSolution");
+    p.video.codecName = text(map, "video.codecName");
+    p.video.width = qint32(number(map, "video.width"));
+    p.video.height = qint32(number(map, "video.height"));
+    p.video.frameRate = number(map, "video.frameRate");
+    p.video.bitrateKbps = qint64(number(map, "video.bitrateKbps"));
+    p.audio.codecName = text(map, "audio.codecName");
+    p.audio.sampleRate = qint32(number(map, "audio.sampleRate"));
+    p.audio.channels = qint32(number(map, "audio.channels"));
+    p.audio.bitrateKbps = qint64(number(map, "audio.bitrateKbps"));
+    p.acceleration.losslessFormat = text(map, "acceleration.losslessFormat");
+    p.acceleration.hardwareEnabled = flag(map, "acceleration.hardwareEnabled");
+    p.acceleration.gpuName = text(map, "acceleration.gpuName");
+    return p;
+}
+
+QVariantMap jobToVariantMap(const ConvertJob& job)
+{
+    QVariantMap map;
+    map.insert(kSourceKey, jsonToVariantMap(convertSourceToJson(job.source)).value(kSourceKey));
+    map.insert(kOutputKey, jsonToVariantMap(outputParamToJson(job.output)));
+    if (job.timelineOptions) {
+        map.insert(kTimelineKey, *job.timelineOptions);
+    }
+    return map;
+}
+
+bool jobFromJson(const QByteArray& text, ConvertJob* job, QString* error)
+{
+    QJsonParseError parseError;
+    const QJsonDocument document = QJsonDocument::fromJson(text, &parseError);
+    if (parseError.error != QJsonParseError::NoError) {
+        *error = QStringLiteral("not JSON (%1 at offset %2)")
+                     .arg(parseError.errorString())
+                     .arg(parseError.offset);
+        return false;
+    }
+    if (!document.isObject()) {
+        *error = QStringLiteral("not a JSON object");
+        return false;
+    }
+    const QJsonObject root = document.object();
+    for (const QString& key : {kSourceKey, kOutputKey}) {
+        if (!root.value(key).isObject()) {
+            *error = QStringLiteral("no \"%1\" object").arg(key);
+            return false;
+        }
+    }
+    if (root.contains(kTimelineKey) && !root.value(kTimelineKey).isObject()) {
+        *error = QStringLiteral("\"%1\" is not an object").arg(kTimelineKey);
+        return false;
+    }
+    ConvertJob result;
+    const QJsonObject wrapped{{kSourceKey, root.value(kSourceKey)}};
+    result.source = convertSourceFromJson(QString::fromUtf8(QJsonDocument(wrapped).toJson()));
+    result.output = outputParamFromVariantMap(root.value(kOutputKey).toObject().toVariantMap());
+    if (root.contains(kTimelineKey)) {
+        result.timelineOptions = root.value(kTimelineKey).toObject().toVariantMap();
+    }
+    *job = result;
+    return true;
+}
+
+bool readJobFile(const QString& path, ConvertJob* job, QString* error)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        *error = QStringLiteral("cannot read job file '%1': %2").arg(path, file.errorString());
+        return false;
+    }
+    QString reason;
+    if (!jobFromJson(file.readAll(), job, &reason)) {
+        *error = QStringLiteral("invalid job file '%1': %2").arg(path, reason);
+        return false;
+    }
+    return true;
+}
+
+bool writeJobFile(const QString& path, const ConvertJob& job, QString* error)
+{
+    const QFileInfo info(path);
+    QDir().mkpath(info.absolutePath());
+    QSaveFile file(path);
+    if (!file.open(QIODevice::WriteOnly)) {
+        *error = QStringLiteral("cannot write job file '%1': %2").arg(path, file.errorString());
+        return false;
+    }
+    file.write(variantMapToJson(jobToVariantMap(job), true).toUtf8());
+    if (!file.commit()) {
+        *error = QStringLiteral("cannot write job file '%1': %2").arg(path, file.errorString());
+        return false;
+    }
+    return true;
+}
+
+} // namespace Korvane
