@@ -162,7 +162,7 @@ bool KvFFmpegOperator::start()
     const QString commandLine = QLatin1Char('"') + ffmpegProgram() + QStringLiteral("\" ") +
                                 arguments.join(QLatin1Char(' '));
     fprintf(stderr, "execute cmd: %s\n", commandLine.toLocal8Bit().constData());
-    qCDebug(lcOperator) << "execute cmd:" << commandLine;
+    qCDebug(lcOperator).noquote() << "execute cmd:" << commandLine;
 
     transcodeRunning.exchange(true);
 #ifdef Q_OS_WIN
