@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: deps configure build test format check-sanitize fuzz
+.PHONY: deps configure build test format check-sanitize fuzz soak
 
 deps:
 	./scripts/install-deps
@@ -37,3 +37,9 @@ fuzz:
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVANE_FUZZ=ON
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzzers
 	./scripts/run-fuzzers $(FUZZ_DIR) $(SECONDS)
+
+# Load and soak: 8 jobs at once, then RUNS short jobs one after another,
+# printing open descriptors and resident memory before and after.
+RUNS ?= 300
+soak: build
+	$(BUILD_DIR)/bin/SoakBench $(RUNS) 8

@@ -50,14 +50,11 @@ void VobTitleBuilder::addPacket(qint32 streamIndex, qint32 mediaType, qint64 pos
         VobChapter next = startChapter(streamIndex, mediaType, pos, pts, dts);
         // The next chapter begins one packet after the closed one ends, so
         // that the title's time line runs on without a gap or an overlap.
-        next.titleStartDts = saturatingAdd(
-            saturatingAdd(current.titleStartDts,
-                          saturatingSub(current.lastDtsInFile, current.firstDtsInFile)),
-            1);
-        next.titleStartPts = saturatingAdd(
-            saturatingAdd(current.titleStartPts,
-                          saturatingSub(current.lastPtsInFile, current.firstPtsInFile)),
-            std::max<qint64>(open->lastDuration, 1));
+        next.titleStartDts = saturatingRunOn(current.titleStartDts, current.lastDtsInFile,
+                                             current.firstDtsInFile, 1);
+        next.titleStartPts =
+            saturatingRunOn(current.titleStartPts, current.lastPtsInFile, current.firstPtsInFile,
+                            std::max<qint64>(open->lastDuration, 1));
         mTitle.chapters.append(current);
         current = next;
         open->lastDuration = duration;

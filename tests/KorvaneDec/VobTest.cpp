@@ -147,8 +147,10 @@ TEST(VobTitleBuilder, BackwardDtsStartsAChapterThatContinuesTheTitle)
 
 TEST(VobTitleBuilder, ExtremeTimestampsOfADamagedFileSaturate)
 {
-    // Found by fuzzing: a run spanning nearly the whole 64-bit range, then a
-    // jump back. The next chapter's start sticks at the limit.
+    // Found by fuzzing: a run spanning more than the 64-bit range, then a
+    // jump back. The span alone does not fit, but the next chapter's start
+    // (one past the last packet) does and is exact; a start past the limit
+    // sticks there.
     constexpr qint64 max = std::numeric_limits<qint64>::max();
     VobTitleBuilder builder;
     builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 0, -2438376108509442306, -2438376108509442306, 1);
@@ -156,8 +158,17 @@ TEST(VobTitleBuilder, ExtremeTimestampsOfADamagedFileSaturate)
     builder.addPacket(0, AVMEDIA_TYPE_VIDEO, 20, 0, 0, 1);
     const VobTitleInfo title = builder.finish();
     ASSERT_EQ(title.chapters.size(), 2);
-    EXPECT_EQ(title.chapters[1].titleStartDts, max);
-    EXPECT_EQ(title.chapters[1].titleStartPts, max);
+    EXPECT_EQ(title.chapters[1].titleStartDts, 7158576095094338549);
+    EXPECT_EQ(title.chapters[1].titleStartPts, 7158576095094338549);
+
+    VobTitleBuilder pastTheLimit;
+    pastTheLimit.addPacket(0, AVMEDIA_TYPE_VIDEO, 0, 0, 0, max);
+    pastTheLimit.addPacket(0, AVMEDIA_TYPE_VIDEO, 10, max, max, max);
+    pastTheLimit.addPacket(0, AVMEDIA_TYPE_VIDEO, 20, 0, 0, 1);
+    const VobTitleInfo stuck = pastTheLimit.finish();
+    ASSERT_EQ(stuck.chapters.size(), 2);
+    EXPECT_EQ(stuck.chapters[1].titleStartDts, max);
+    EXPECT_EQ(stuck.chapters[1].titleStartPts, max);
 
     MediaDescription d;
     auto stream = QSharedPointer<StreamInfo>::create();
