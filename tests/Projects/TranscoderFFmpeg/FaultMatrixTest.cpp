@@ -78,19 +78,23 @@ QList<pid_t> childProcesses(const QString& name)
     return found;
 }
 
-// Waits for a child named `name` that is not in `skip` and kills it.
-bool killChild(const QString& name, QList<pid_t>* killed, int timeoutMs = 30000)
+// Waits for a child named `name` that is not in `killed` and, when given,
+// for `ready`, and kills that child.
+bool killChild(const QString& name, QList<pid_t>* killed, const std::function<bool()>& ready = {},
+               int timeoutMs = 60000)
 {
     pid_t victim = 0;
     const bool seen = QTest::qWaitFor(
         [&] {
-            for (pid_t pid : childProcesses(name)) {
-                if (!killed->contains(pid)) {
-                    victim = pid;
-                    return true;
+            if (victim == 0) {
+                for (pid_t pid : childProcesses(name)) {
+                    if (!killed->contains(pid)) {
+                        victim = pid;
+                        break;
+                    }
                 }
             }
-            return false;
+            return victim != 0 && (!ready || ready());
         },
         timeoutMs);
     if (!seen) {
@@ -453,8 +457,9 @@ TEST_F(FaultMatrixTest, FFmpegKilledMidRunFallsBackOnce)
     QList<pid_t> killed;
 
     const QList<int> states = runJob(source, [&](IAVTaskOperator&) {
+        const QString output = mOutput.outputPath;
         ASSERT_TRUE(killChild(QFileInfo(TestMedia::ffmpeg()).canonicalFilePath().section('/', -1),
-                              &killed));
+                              &killed, [&] { return QFileInfo::exists(output); }));
     });
 
     // ffmpeg's 1, then the worker's 1 and 5; the failed ffmpeg run is silent.
@@ -523,10 +528,12 @@ TEST_F(FaultMatrixTest, WorkerKilledTwiceFailsTheJob)
 
     const QString output = mOutput.outputPath;
     const QList<int> states = runJob(source, [&](IAVTaskOperator&) {
-        // Killed once it has begun to write, so that half a file exists.
-        ASSERT_TRUE(QTest::qWaitFor([&] { return QFileInfo(output).size() > 0; }, 30000));
-        ASSERT_TRUE(killChild("korvane-worker", &killed));
-        ASSERT_TRUE(killChild("korvane-worker", &killed));
+        // Each worker is killed once it has begun to write, so that half a
+        // file exists. (The failed ffmpeg run's output is gone before the
+        // first worker starts.)
+        const auto writing = [&] { return QFileInfo(output).size() > 0; };
+        ASSERT_TRUE(killChild("korvane-worker", &killed, writing));
+        ASSERT_TRUE(killChild("korvane-worker", &killed, writing));
     });
 
     EXPECT_EQ(states.value(states.size() - 1), 6);
