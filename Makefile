@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: deps configure build test demo format check-sanitize fuzz
+.PHONY: deps configure build test demo format check-sanitize fuzz soak
 
 deps:
 	./scripts/install-deps
@@ -47,6 +47,7 @@ check-sanitize: deps
 	cmake -S . -B $(SANITIZE_DIR) -G Ninja -DCMAKE_BUILD_TYPE=Debug -DKORVANE_SANITIZE=ON $(CMAKE_FLAGS)
 	cmake --build $(SANITIZE_DIR) -j $(JOBS)
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
+		LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan-suppressions.txt \
 		ctest --test-dir $(SANITIZE_DIR) --output-on-failure -j $(JOBS)
 
 # Every libFuzzer target for SECONDS seconds each (clang).
@@ -57,3 +58,9 @@ fuzz:
 	CC=clang CXX=clang++ cmake -S . -B $(FUZZ_DIR) -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DKORVANE_FUZZ=ON
 	cmake --build $(FUZZ_DIR) -j $(JOBS) --target fuzzers
 	./scripts/run-fuzzers $(FUZZ_DIR) $(SECONDS)
+
+# Load and soak: 8 jobs at once, then RUNS short jobs one after another,
+# printing open descriptors and resident memory before and after.
+RUNS ?= 300
+soak: build
+	$(BUILD_DIR)/bin/SoakBench $(RUNS) 8

@@ -41,7 +41,20 @@ qint64 containerDurationMs(int64_t duration)
 qint64 streamDurationMs(int64_t duration, AVRational timeBase)
 {
     const double base = timeBase.den == 0 ? 0.0 : av_q2d(timeBase);
-    return static_cast<qint64>(static_cast<double>(duration) * base * 1000.0);
+    const double ms = static_cast<double>(duration) * base * 1000.0;
+    // A stream without a duration (AV_NOPTS_VALUE) or a damaged time base
+    // gives a product that no 64-bit integer holds; converting it would be
+    // undefined, so it sticks at the limits (what x86 happened to give).
+    if (std::isnan(ms)) {
+        return 0;
+    }
+    if (ms >= 9223372036854775808.0) {
+        return std::numeric_limits<qint64>::max();
+    }
+    if (ms < -9223372036854775808.0) {
+        return std::numeric_limits<qint64>::min();
+    }
+    return static_cast<qint64>(ms);
 }
 
 AVRational chooseFrameRate(AVRational guessed, AVRational average, AVRational real)

@@ -41,7 +41,8 @@ KORVANEDEC_EXPORT bool isAsfFamily(const QString& formatShortName);
 KORVANEDEC_EXPORT qint64 containerDurationMs(int64_t duration);
 
 // Stream duration in ms: duration x time base x 1000, truncated; 0 for a
-// time base with a zero denominator.
+// time base with a zero denominator. A product beyond 64 bits (a stream with
+// no duration, AV_NOPTS_VALUE) sticks at the type's limits.
 KORVANEDEC_EXPORT qint64 streamDurationMs(int64_t duration, AVRational timeBase);
 
 // The frame rate a video stream is given: the guessed rate when it is at most

@@ -12,9 +12,21 @@ namespace Korvane {
 
 namespace {
 
+// A pixel number from a document that may be damaged: converting a double
+// that no int holds is undefined, so values stick at +-2^20 (far beyond any
+// picture) and a NaN reads as 0.
+int pixels(double value)
+{
+    constexpr double kLimit = 1 << 20;
+    if (std::isnan(value)) {
+        return 0;
+    }
+    return static_cast<int>(qBound(-kLimit, value, kLimit));
+}
+
 int even(double value)
 {
-    const int rounded = static_cast<int>(std::lround(value));
+    const int rounded = pixels(std::round(value));
     return qMax(2, rounded - rounded % 2);
 }
 
@@ -38,7 +50,7 @@ ClipTransform readTransform(const QJsonObject& object)
     double w = 0;
     double h = 0;
     if (pair(object.value(QLatin1String("bg_size")).toString(), &w, &h)) {
-        transform.bgSize = QSize(static_cast<int>(w), static_cast<int>(h));
+        transform.bgSize = QSize(pixels(w), pixels(h));
     }
     const QStringList crop = object.value(QLatin1String("crop")).toString().split(QLatin1Char(','));
     if (crop.size() == 4) {
@@ -118,7 +130,7 @@ ImageClip readImageClip(const QJsonObject& object)
     double x = 0;
     double y = 0;
     if (pair(transform.value(QLatin1String("center_pos")).toString(), &x, &y)) {
-        clip.center = QPoint(static_cast<int>(x), static_cast<int>(y));
+        clip.center = QPoint(pixels(x), pixels(y));
     }
     clip.rotation = transform.value(QLatin1String("rotation")).toInt();
     clip.flipX = transform.value(QLatin1String("flip_x")).toBool();

@@ -17,6 +17,7 @@
 #include <QHash>
 #include <QLoggingCategory>
 #include <QSet>
+#include <QStringList>
 
 #include <cmath>
 #include <limits>
@@ -223,6 +224,25 @@ bool ProjectRenderer::Private::plan(QString* error)
     if (out.outputPath.isEmpty()) {
         *error = QStringLiteral("no output path given");
         return false;
+    }
+    // Opening the output truncates it: were it one of the files the project
+    // reads, the user's original would be destroyed before a frame is read.
+    const QString outputFile = QFileInfo(out.outputPath).canonicalFilePath();
+    if (!outputFile.isEmpty()) {
+        QStringList inputs;
+        for (const MediaClip& clip : doc.mainClips + doc.audioClips) {
+            inputs << clip.filePath;
+        }
+        for (const ImageClip& clip : doc.imageClips) {
+            inputs << clip.filePath;
+        }
+        for (const QString& input : std::as_const(inputs)) {
+            if (QFileInfo(input).canonicalFilePath() == outputFile) {
+                *error = QStringLiteral("the output \"%1\" is one of the inputs, refused")
+                             .arg(out.outputPath);
+                return false;
+            }
+        }
     }
     muxer = resolveMuxer(out.format, out.outputPath);
     if (muxer.isEmpty()) {

@@ -378,6 +378,15 @@ void WorkerProcessOperator::concludeRun()
     }
     removeJobFiles();
     mActive = false;
+    if (mFinalState == 0) {
+        // A worker that died without a word (killed, crashed) had no chance
+        // to remove what it had written; half a file must not pass for a
+        // result.
+        const QString output = mTask->outputPath();
+        if (QFileInfo(output).isFile() && QFile::remove(output)) {
+            KV_RECORD("concludeRun") << "removed the partial output " << output;
+        }
+    }
     TaskState state = TaskState::Failed;
     if (mFinalState == int(TaskState::Stopped) || (mFinalState == 0 && mStopRequested)) {
         state = TaskState::Stopped;

@@ -33,12 +33,43 @@ Q_LOGGING_CATEGORY(lcOperator, "korvane.transcoder.operator")
 const char* const kSourceFile = "Projects/TranscoderFFmpeg/KvFFmpegOperator";
 constexpr int kPollIntervalMs = 500;
 
-// Set while some ffmpeg run is active; read from any thread by isHardwareTranscode.
-std::atomic<bool> transcodeRunning{false};
+// The number of active ffmpeg runs; read from any thread by isHardwareTranscode.
+// A count rather than one shared flag: with runs overlapping, the first run to
+// end must not report the others as ended. Each operator adds and removes at
+// most its own one (setRunning).
+std::atomic<int> transcodeRunning{0};
 
 QString joinPathParts(const QString& first, const QString& second)
 {
     return QDir::cleanPath(first + QDir::separator() + second);
+}
+
+#ifndef Q_OS_WIN
+// The builder's list as program arguments. An element wrapped in double
+// quotes is a path and passes verbatim, whatever it contains (blanks, quotes,
+// a leading dash); any other element is an option, possibly with its value
+// after a blank. Re-splitting the joined command line instead would let a
+// double quote in a file name rewrite the arguments.
+QStringList programArguments(const QStringList& arguments)
+{
+    QStringList result;
+    for (const QString& argument : arguments) {
+        if (argument.size() >= 2 && argument.startsWith(QLatin1Char('"')) &&
+            argument.endsWith(QLatin1Char('"'))) {
+            result << argument.mid(1, argument.size() - 2);
+        } else {
+            result << argument.split(QLatin1Char(' '), Qt::SkipEmptyParts);
+        }
+    }
+    return result;
+}
+#endif
+
+// True when `output` names the existing file `input` (through any links).
+bool isSameFile(const QString& input, const QString& output)
+{
+    const QString canonical = QFileInfo(output).canonicalFilePath();
+    return !canonical.isEmpty() && canonical == QFileInfo(input).canonicalFilePath();
 }
 
 } // namespace
@@ -57,13 +88,26 @@ KvFFmpegOperator::~KvFFmpegOperator()
         mProcess->disconnect(this);
         mProcess->kill();
         mProcess->waitForFinished();
-        transcodeRunning.exchange(false);
+    }
+    setRunning(false);
+    // The progress file is kept while the operator lives; once it is gone
+    // nobody reads it, and left behind it would pile up in the cache.
+    if (mProgressFile) {
+        mProgressFile->close();
+        mProgressFile->remove();
     }
 }
 
 bool KvFFmpegOperator::isTranscodeRunning()
 {
-    return transcodeRunning.load();
+    return transcodeRunning.load() > 0;
+}
+
+void KvFFmpegOperator::setRunning(bool running)
+{
+    if (mRunning.exchange(running) != running) {
+        transcodeRunning.fetch_add(running ? 1 : -1);
+    }
 }
 
 QString KvFFmpegOperator::ffmpegProgram()
@@ -110,6 +154,13 @@ bool KvFFmpegOperator::start()
     }
     const ConvertSource& source = *task->source();
     const AVTaskOutputParam& output = *task->outputParam();
+    // ffmpeg runs with -y: an output naming the input would truncate the
+    // user's original before a frame is read. Refused before anything exists.
+    if (isSameFile(source.filePath, output.outputPath)) {
+        Record("Korvane::KvFFmpegOperator::start", __LINE__, kSourceFile, this, 0)
+            << "output equals input, refused: " << output.outputPath;
+        return false;
+    }
 
     FFDemuxer demuxer;
     if (!demuxer.open(source.filePath)) {
@@ -164,20 +215,18 @@ bool KvFFmpegOperator::start()
     fprintf(stderr, "execute cmd: %s\n", commandLine.toLocal8Bit().constData());
     qCDebug(lcOperator).noquote() << "execute cmd:" << commandLine;
 
-    transcodeRunning.exchange(true);
+    setRunning(true);
 #ifdef Q_OS_WIN
     // The whole line as the program: the builder's quoting reaches ffmpeg as written.
     mProcess->start(commandLine, QStringList(), QIODevice::ReadWrite);
 #else
-    // Split the same way, honouring the builder's double quotes; never a shell.
-    QStringList parts = QProcess::splitCommand(commandLine);
-    const QString program = parts.takeFirst();
-    mProcess->start(program, parts, QIODevice::ReadWrite);
+    // Never a shell, and never a re-split of the joined line.
+    mProcess->start(ffmpegProgram(), programArguments(arguments), QIODevice::ReadWrite);
 #endif
     if (!mProcess->waitForStarted()) {
         Record("Korvane::KvFFmpegOperator::start", __LINE__, kSourceFile, this, 0)
             << "ffmpeg cannot be started: " << mProcess->errorString();
-        transcodeRunning.exchange(false);
+        setRunning(false);
         mPollTimer->stop();
         return false;
     }
@@ -203,7 +252,7 @@ void KvFFmpegOperator::stop()
     }
     mStopped = true;
     setTaskState(int(TaskState::Stopped));
-    transcodeRunning.exchange(false);
+    setRunning(false);
     emit ffmpegTaskStateChanged(int(TaskState::Stopped));
 }
 
@@ -325,7 +374,7 @@ void KvFFmpegOperator::onFinished(int exitCode, QProcess::ExitStatus exitStatus)
     const QString outputPath = mTask->outputPath();
     if (exitCode != 0) {
         // Also after stop(): the killed process reports 6 after the 4.
-        transcodeRunning.exchange(false);
+        setRunning(false);
         setTaskState(int(TaskState::Failed));
         emit ffmpegTaskStateChanged(int(TaskState::Failed));
         QFile::remove(outputPath);
@@ -345,7 +394,7 @@ void KvFFmpegOperator::onFinished(int exitCode, QProcess::ExitStatus exitStatus)
         }
     }
     releaseSelf();
-    transcodeRunning.exchange(false);
+    setRunning(false);
 }
 
 void KvFFmpegOperator::releaseSelf()

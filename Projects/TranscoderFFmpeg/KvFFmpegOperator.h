@@ -10,6 +10,7 @@
 #include <QString>
 #include <QVariantMap>
 
+#include <atomic>
 #include <memory>
 
 class QElapsedTimer;
@@ -65,7 +66,7 @@ public:
     // and "processMode".
     QVariantMap operatorInfo() override;
 
-    // True while some operator's ffmpeg run is active in this process.
+    // True while at least one operator's ffmpeg run is active in this process.
     static bool isTranscodeRunning();
     // The ffmpeg program: the settings value "kFFmpeg_Path" when set, else
     // "ffmpeg" (on Windows "ffmpeg.exe") in the application's directory.
@@ -87,6 +88,9 @@ private:
     void pollProgress();
     void setTaskState(int state);
     void releaseSelf();
+    // Counts this operator's run in isTranscodeRunning() (once, however often
+    // it is called).
+    void setRunning(bool running);
     AVFFmpegTask* ffmpegTask() const;
 
     QSharedPointer<IAVTask> mTask;
@@ -99,6 +103,7 @@ private:
     qint64 mDurationMs = 0;
     bool mStopped = false;
     bool mEndSeen = false;
+    std::atomic<bool> mRunning{false};
     qint32 mCommandOption = -1;
     QString mDecoderName;
 };

@@ -44,6 +44,12 @@ TEST(StreamDuration, ScalesByTheTimeBase)
     EXPECT_EQ(streamDurationMs(1001, AVRational{1, 30000}), 33);
     EXPECT_EQ(streamDurationMs(123, AVRational{1, 0}), 0);
     EXPECT_EQ(streamDurationMs(0, AVRational{1, 1000}), 0);
+    // Found by fuzzing (a still picture has no stream duration): the product
+    // does not fit and must not be converted as it is.
+    EXPECT_EQ(streamDurationMs(AV_NOPTS_VALUE, AVRational{1, 25}),
+              std::numeric_limits<qint64>::min());
+    EXPECT_EQ(streamDurationMs(std::numeric_limits<int64_t>::max(), AVRational{1, 1}),
+              std::numeric_limits<qint64>::max());
 }
 
 TEST(FrameRate, ChoiceOrderAndLimits)

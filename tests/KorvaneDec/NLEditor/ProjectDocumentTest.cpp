@@ -172,3 +172,30 @@ TEST(ParseProjectDocument, DefaultsAndRejections)
     EXPECT_EQ(parsed.audioClips.size(), 1);
     EXPECT_DOUBLE_EQ(parsed.durationMs(), 1000.0); // the main track sets the length
 }
+
+// Found by fuzzing: pixel numbers no int holds were converted as they were.
+// They stick at the limit instead, whatever part of the document holds them.
+TEST(ParseProjectDocument, HugePixelNumbersStickAtTheLimit)
+{
+    constexpr int kLimit = 1 << 20;
+    const QString huge = QStringLiteral("7") + QString(40, QLatin1Char('7'));
+    const QJsonObject doc{
+        {"preview_param", QJsonObject{{"width", 1e300}, {"height", -1e300}}},
+        {"clips",
+         QJsonArray{QJsonObject{{"kind", "video_only"},
+                                {"file_path", "/v.mp4"},
+                                {"range_length", 1000},
+                                {"transform", QJsonObject{{"bg_size", huge + ",-" + huge}}}},
+                    QJsonObject{{"type", "image"},
+                                {"file_path", "/w.png"},
+                                {"range_length", 1000},
+                                {"transform", QJsonObject{{"center_pos", huge + ",-" + huge}}}}}}};
+    ProjectDocument parsed;
+    QString error;
+    ASSERT_TRUE(parseProjectDocument(text(doc), &parsed, &error)) << error.toStdString();
+    ASSERT_EQ(parsed.imageClips.size(), 1);
+    EXPECT_EQ(parsed.imageClips[0].center, QPoint(kLimit, -kLimit));
+    ASSERT_EQ(parsed.mainClips.size(), 1);
+    EXPECT_EQ(parsed.mainClips[0].transform.bgSize, QSize(kLimit, -kLimit));
+    EXPECT_EQ(parsed.canvas(), QSize(kLimit, 2));
+}

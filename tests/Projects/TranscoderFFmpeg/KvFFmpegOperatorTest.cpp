@@ -279,8 +279,9 @@ TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
     ASSERT_TRUE(first.op->start());
     EXPECT_TRUE(isHardwareTranscode());
 
-    // A second run that ends while the first still runs clears the shared
-    // flag: whichever run ends last decides.
+    // A second run that ends while the first still runs leaves the flag set:
+    // it turns false only when no run is left (a single shared flag used to
+    // be cleared by whichever run ended first).
     useFFmpeg(fakeFFmpeg("success"));
     AVTaskOutputParam otherOutput = mOutput;
     otherOutput.outputPath = mDir->filePath("second.mp4");
@@ -288,7 +289,8 @@ TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
     ASSERT_TRUE(second.op->start());
     EXPECT_TRUE(isHardwareTranscode());
     ASSERT_TRUE(QTest::qWaitFor([&] { return second.states->count() == 2; }, 20000));
-    EXPECT_FALSE(isHardwareTranscode());
+    EXPECT_EQ(intsOf(*second.states), (QList<int>{1, 5}));
+    EXPECT_TRUE(isHardwareTranscode());
 
     first.op->stop();
     ASSERT_TRUE(first.waitForEnd());
@@ -482,5 +484,26 @@ INSTANTIATE_TEST_SUITE_P(
         InfoCase{"IntelMpeg4", kMpeg4, "transcoder/info-mpeg4.avi", true, "Intel Iris Xe", "",
                  "_qsv"}),
     [](const ::testing::TestParamInfo<InfoCase>& info) { return std::string(info.param.name); });
+
+} // namespace
+
+namespace {
+
+// Regression: progress files outlived their operators and piled up in the
+// cache folder.
+TEST_F(KvFFmpegOperatorTest, ProgressFileGoesWithTheOperator)
+{
+    useFFmpeg(fakeFFmpeg("success"));
+    QString progressPath;
+    {
+        OperatorRun run(mSource, mOutput);
+        progressPath = run.op->progressFilePath();
+        ASSERT_TRUE(run.op->start());
+        ASSERT_TRUE(run.waitForEnd());
+        EXPECT_TRUE(QFileInfo::exists(progressPath)) << "kept while the operator lives";
+    }
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    EXPECT_FALSE(QFileInfo::exists(progressPath));
+}
 
 } // namespace

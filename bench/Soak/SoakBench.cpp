@@ -1,0 +1,233 @@
+// Load and soak: the plug-in lives in the host's process for a whole session,
+// so many jobs, at once and one after another, must leave no trace.
+//
+// 1. `parallel` conversions at once: that many controllers on this one event
+//    loop, each over the real ffmpeg and a tiny generated clip. Every job must
+//    end in 5 with a playable output, and isHardwareTranscode() must stay true
+//    as long as any run is active and turn false after the last has ended.
+// 2. `runs` short conversions one after another (after a few warm-up runs):
+//    open file descriptors (/proc/self/fd) and resident memory (VmRSS) are
+//    printed before and after, with the growth per run.
+//
+//   SoakBench [runs = 300] [parallel = 8]
+#include "Common/AVTaskOutputParam.h"
+#include "Common/ConvertSource.h"
+#include "Common/IAVTask.h"
+#include "Common/TaskSignalBus.h"
+#include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneDec/FFDemuxer.h"
+#include "TranscoderFFmpeg/TranscoderFFmpeg.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QFile>
+#include <QFileInfo>
+#include <QProcess>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include <cstdio>
+
+using namespace Korvane;
+
+namespace {
+
+int openDescriptors()
+{
+    return int(QDir(QStringLiteral("/proc/self/fd"))
+                   .entryList(QDir::AllEntries | QDir::NoDotAndDotDot | QDir::System)
+                   .size());
+}
+
+long residentKiB()
+{
+    QFile status(QStringLiteral("/proc/self/status"));
+    if (!status.open(QIODevice::ReadOnly)) {
+        return -1;
+    }
+    for (const QByteArray& line : status.readAll().split('\n')) {
+        if (line.startsWith("VmRSS:")) {
+            return line.mid(6).trimmed().split(' ').value(0).toLong();
+        }
+    }
+    return -1;
+}
+
+bool playable(const QString& path)
+{
+    FFDemuxer demuxer;
+    return demuxer.open(path) && demuxer.mediaInfo() && !demuxer.mediaInfo()->streams.isEmpty() &&
+           demuxer.mediaInfo()->durationMs > 0;
+}
+
+AVTaskOutputParam outputTo(const QString& path)
+{
+    AVTaskOutputParam output;
+    output.outputPath = path;
+    output.format = QStringLiteral("mp4");
+    output.video.codecName = QStringLiteral("h264");
+    output.video.width = 64;
+    output.video.height = 48;
+    output.audio.codecName = QStringLiteral("aac");
+    return output;
+}
+
+// Runs `count` jobs at once and waits for all; returns how many ended in 5
+// with a playable output. Samples isHardwareTranscode() every 5 ms and counts
+// the samples where it was false while some task still ran.
+int runTogether(const QString& clip, const QDir& outDir, int count, int* flagMissed,
+                bool* flagAfter, qint64* wallMs)
+{
+    ConvertSource source;
+    source.filePath = clip;
+    QList<QSharedPointer<IAVTaskOperator>> ops;
+    QList<int> finals(count, 0);
+    int ended = 0;
+    QEventLoop loop;
+    for (int i = 0; i < count; ++i) {
+        const auto op = rawCreateNvidiaFFmpegConverter(
+            source, outputTo(outDir.filePath(QStringLiteral("together-%1.mp4").arg(i))));
+        QObject::connect(op->task()->signalBus().data(), &TaskSignalBus::taskStateChanged, &loop,
+                         [&, i](TaskState state, int) {
+                             if (int(state) >= 4 && finals[i] == 0) {
+                                 finals[i] = int(state);
+                                 if (++ended == count) {
+                                     loop.quit();
+                                 }
+                             }
+                         });
+        ops << op;
+    }
+    QElapsedTimer clock;
+    clock.start();
+    for (const auto& op : ops) {
+        op->start();
+    }
+    QTimer sampler;
+    *flagMissed = 0;
+    QObject::connect(&sampler, &QTimer::timeout, [&] {
+        // A task leaves 1 and 2 when its ffmpeg process has ended, before
+        // the operator lets go of the flag.
+        for (const auto& op : ops) {
+            const int state = int(op->task()->state());
+            if ((state == 1 || state == 2) && !isHardwareTranscode()) {
+                ++*flagMissed;
+                break;
+            }
+        }
+    });
+    sampler.start(5);
+    QTimer::singleShot(120000, &loop, &QEventLoop::quit);
+    loop.exec();
+    sampler.stop();
+    *wallMs = clock.elapsed();
+    // The operators let go of themselves through the event loop.
+    QElapsedTimer settle;
+    settle.start();
+    while (isHardwareTranscode() && settle.elapsed() < 5000) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    }
+    *flagAfter = isHardwareTranscode();
+    int good = 0;
+    for (int i = 0; i < count; ++i) {
+        if (finals[i] == int(TaskState::Finished) &&
+            playable(outDir.filePath(QStringLiteral("together-%1.mp4").arg(i)))) {
+            ++good;
+        }
+    }
+    return good;
+}
+
+// One job after the other; returns how many ended in 5.
+int runOneByOne(const QString& clip, const QDir& outDir, int count)
+{
+    ConvertSource source;
+    source.filePath = clip;
+    const QString path = outDir.filePath(QStringLiteral("sequential.mp4"));
+    int good = 0;
+    for (int i = 0; i < count; ++i) {
+        int final = 0;
+        {
+            QEventLoop loop;
+            const auto op = rawCreateNvidiaFFmpegConverter(source, outputTo(path));
+            QObject::connect(op->task()->signalBus().data(), &TaskSignalBus::taskStateChanged,
+                             &loop, [&](TaskState state, int) {
+                                 if (int(state) >= 4) {
+                                     final = int(state);
+                                     loop.quit();
+                                 }
+                             });
+            QTimer::singleShot(60000, &loop, &QEventLoop::quit);
+            op->start();
+            loop.exec();
+        }
+        // Let the operator's deferred release and deletions run.
+        while (isHardwareTranscode()) {
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+        }
+        QCoreApplication::processEvents();
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        if (final == int(TaskState::Finished) && QFileInfo(path).size() > 0) {
+            ++good;
+        }
+        QFile::remove(path);
+    }
+    return good;
+}
+
+} // namespace
+
+int main(int argc, char** argv)
+{
+    QCoreApplication app(argc, argv);
+    const int runs = argc > 1 ? QString::fromLocal8Bit(argv[1]).toInt() : 300;
+    const int parallel = argc > 2 ? QString::fromLocal8Bit(argv[2]).toInt() : 8;
+    QTemporaryDir work;
+    // A private settings store: the bench must not read or change the user's.
+    KorvaneBaseEntry()->settings().setFilePath(work.filePath("settings.ini"));
+    const QString clip = work.filePath("tiny.mp4");
+    const int generated = QProcess::execute(
+        QCoreApplication::applicationDirPath() + "/ffmpeg",
+        {"-v", "error", "-y", "-f", "lavfi", "-i", "testsrc=duration=0.4:size=64x48:rate=25", "-f",
+         "lavfi", "-i", "sine=duration=0.4", "-c:v", "libx264", "-pix_fmt", "yuv420p", "-c:a",
+         "aac", "-shortest", clip});
+    if (generated != 0) {
+        std::fprintf(stderr, "could not generate the clip\n");
+        return 1;
+    }
+    const QDir outDir(work.path());
+
+    int flagMissed = 0;
+    bool flagAfter = true;
+    qint64 wallMs = 0;
+    const int together = runTogether(clip, outDir, parallel, &flagMissed, &flagAfter, &wallMs);
+    std::printf("%d at once: %d of %d finished with a playable output in %lld ms\n", parallel,
+                together, parallel, static_cast<long long>(wallMs));
+    std::printf("isHardwareTranscode while runs were active: %s (%d false samples); after the "
+                "last: %s\n",
+                flagMissed == 0 ? "true throughout" : "FALSE at times", flagMissed,
+                flagAfter ? "TRUE" : "false");
+
+    runOneByOne(clip, outDir, 5);
+    const int fdBefore = openDescriptors();
+    const long rssBefore = residentKiB();
+    QElapsedTimer clock;
+    clock.start();
+    const int sequential = runOneByOne(clip, outDir, runs);
+    const double seconds = clock.elapsed() / 1000.0;
+    const int fdAfter = openDescriptors();
+    const long rssAfter = residentKiB();
+    std::printf("%d one after another: %d finished, %.1f s (%.0f ms per job)\n", runs, sequential,
+                seconds, runs > 0 ? seconds * 1000.0 / runs : 0.0);
+    std::printf("open descriptors: %d before, %d after (%+d)\n", fdBefore, fdAfter,
+                fdAfter - fdBefore);
+    std::printf("resident memory: %ld KiB before, %ld KiB after (%+ld KiB, %.2f KiB per job)\n",
+                rssBefore, rssAfter, rssAfter - rssBefore,
+                runs > 0 ? double(rssAfter - rssBefore) / runs : 0.0);
+    const bool ok = together == parallel && flagMissed == 0 && !flagAfter && sequential == runs &&
+                    fdAfter == fdBefore;
+    std::printf("%s\n", ok ? "soak: ok" : "soak: FAILED");
+    return ok ? 0 : 1;
+}
