@@ -33,11 +33,11 @@ Q_LOGGING_CATEGORY(lcOperator, "korvane.transcoder.operator")
 const char* const kSourceFile = "Projects/TranscoderFFmpeg/KvFFmpegOperator";
 constexpr int kPollIntervalMs = 500;
 
-// The number of active ffmpeg runs; read from any thread by isHardwareTranscode.
-// A count rather than one shared flag: with runs overlapping, the first run to
-// end must not report the others as ended. Each operator adds and removes at
-// most its own one (setRunning).
-std::atomic<int> transcodeRunning{0};
+// Set while an ffmpeg run is active; read from any thread by
+// isHardwareTranscode. Deliberately one flag shared by all operators, as the
+// host knows it: a start sets it and the end or stop of any run clears it, so
+// with runs overlapping the first run to end already clears it.
+std::atomic<bool> transcodeRunning{false};
 
 QString joinPathParts(const QString& first, const QString& second)
 {
@@ -89,7 +89,9 @@ KvFFmpegOperator::~KvFFmpegOperator()
         mProcess->kill();
         mProcess->waitForFinished();
     }
-    setRunning(false);
+    if (mRunning) {
+        setRunning(false);
+    }
     // The progress file is kept while the operator lives; once it is gone
     // nobody reads it, and left behind it would pile up in the cache.
     if (mProgressFile) {
@@ -100,14 +102,13 @@ KvFFmpegOperator::~KvFFmpegOperator()
 
 bool KvFFmpegOperator::isTranscodeRunning()
 {
-    return transcodeRunning.load() > 0;
+    return transcodeRunning.load();
 }
 
 void KvFFmpegOperator::setRunning(bool running)
 {
-    if (mRunning.exchange(running) != running) {
-        transcodeRunning.fetch_add(running ? 1 : -1);
-    }
+    mRunning = running;
+    transcodeRunning.store(running);
 }
 
 QString KvFFmpegOperator::ffmpegProgram()

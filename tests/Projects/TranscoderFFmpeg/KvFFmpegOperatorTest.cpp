@@ -271,7 +271,7 @@ TEST_F(KvFFmpegOperatorTest, StopDuringARunGivesFourThenSix)
     EXPECT_FALSE(QFileInfo::exists(mOutput.outputPath));
 }
 
-TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
+TEST_F(KvFFmpegOperatorTest, HardwareFlagIsOneFlagSharedByOverlappingRuns)
 {
     useFFmpeg(fakeFFmpeg("hang"));
     EXPECT_FALSE(isHardwareTranscode());
@@ -279,9 +279,8 @@ TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
     ASSERT_TRUE(first.op->start());
     EXPECT_TRUE(isHardwareTranscode());
 
-    // A second run that ends while the first still runs leaves the flag set:
-    // it turns false only when no run is left (a single shared flag used to
-    // be cleared by whichever run ended first).
+    // One flag for all runs: a second run that ends while the first still
+    // runs clears it, and a later start sets it again.
     useFFmpeg(fakeFFmpeg("success"));
     AVTaskOutputParam otherOutput = mOutput;
     otherOutput.outputPath = mDir->filePath("second.mp4");
@@ -290,7 +289,17 @@ TEST_F(KvFFmpegOperatorTest, HardwareFlagFollowsEveryActiveRun)
     EXPECT_TRUE(isHardwareTranscode());
     ASSERT_TRUE(QTest::qWaitFor([&] { return second.states->count() == 2; }, 20000));
     EXPECT_EQ(intsOf(*second.states), (QList<int>{1, 5}));
+    EXPECT_FALSE(isHardwareTranscode());
+
+    useFFmpeg(fakeFFmpeg("hang"));
+    AVTaskOutputParam thirdOutput = mOutput;
+    thirdOutput.outputPath = mDir->filePath("third.mp4");
+    OperatorRun third(mSource, thirdOutput);
+    ASSERT_TRUE(third.op->start());
     EXPECT_TRUE(isHardwareTranscode());
+    third.op->stop();
+    ASSERT_TRUE(third.waitForEnd());
+    EXPECT_FALSE(isHardwareTranscode());
 
     first.op->stop();
     ASSERT_TRUE(first.waitForEnd());
