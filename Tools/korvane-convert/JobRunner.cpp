@@ -5,6 +5,9 @@
 #include "KorvaneBase/KorvaneBase.h"
 #include "ProgressDisplay.h"
 
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+
 namespace Korvane {
 
 QString failureReasonFromLog(const QStringList& logTexts)
@@ -35,7 +38,7 @@ JobRunner::JobRunner(ProgressDisplay* display) : mDisplay(display)
     });
 }
 
-RunOutcome JobRunner::run(const QSharedPointer<IAVTaskOperator>& op)
+RunOutcome JobRunner::run(QSharedPointer<IAVTaskOperator> op)
 {
     mOperator = op;
     mOutcome = RunOutcome();
@@ -71,7 +74,17 @@ RunOutcome JobRunner::run(const QSharedPointer<IAVTaskOperator>& op)
         const QString operatorError = op->errorString().simplified();
         mOutcome.error = operatorError.isEmpty() ? failureReasonFromLog(mLogTexts) : operatorError;
     }
+    const QWeakPointer<IAVTaskOperator> weakOperator = op;
+    const QWeakPointer<IAVTask> task = op->task();
     mOperator.reset();
+    op.reset();
+    if (weakOperator.isNull()) {
+        const QDeadlineTimer settle(3000);
+        while (!task.isNull() && !settle.hasExpired()) {
+            QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+            QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+        }
+    }
     return mOutcome;
 }
 

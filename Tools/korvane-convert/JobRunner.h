@@ -40,7 +40,11 @@ public:
     // `display` may be null; it is not owned.
     explicit JobRunner(ProgressDisplay* display);
 
-    RunOutcome run(const QSharedPointer<IAVTaskOperator>& op);
+    // Takes the operator over. When this was its last owner, waits (at most
+    // a few seconds) on the event loop until every object working on the
+    // job has let go of its task: a stopped ffmpeg run lives on until its
+    // killed process has reported its end.
+    RunOutcome run(QSharedPointer<IAVTaskOperator> op);
 
     // How long a run may take to report its end after stop() before it is
     // given up as stopped (5 s unless changed).

@@ -27,6 +27,7 @@
 #include <cstdio>
 #include <optional>
 #include <unistd.h>
+#include <utility>
 
 using namespace Korvane;
 
@@ -235,12 +236,12 @@ int runJobs(const Invocation& invocation)
             fail(QStringLiteral("cannot create the output folder '%1'").arg(folder));
             continue;
         }
-        const QSharedPointer<IAVTaskOperator> op = makeOperator(job, decision);
+        QSharedPointer<IAVTaskOperator> op = makeOperator(job, decision);
         if (!op) {
             fail(QStringLiteral("no converter could be created"));
             continue;
         }
-        const RunOutcome outcome = runner.run(op);
+        const RunOutcome outcome = runner.run(std::move(op));
         if (outcome.interrupted || interrupted) {
             interrupted = true;
             QFile::remove(output);
