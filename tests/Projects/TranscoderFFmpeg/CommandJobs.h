@@ -3,8 +3,11 @@
 #include "Common/OutputRules.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
+#include <QList>
 #include <QMap>
 #include <QSize>
+
+#include <optional>
 
 // Media facts and jobs made in the tests, so the builders run without files.
 namespace CommandJobs {
@@ -91,6 +94,29 @@ inline Korvane::WaterMarkParam mark(const QString& path, int centerX, int center
     m.scaleX = scaleX;
     m.scaleY = scaleY;
     return m;
+}
+
+// One row of a filter-graph table: the input's facts, the job's edits, the
+// output size and the graph text expected.
+struct GraphCase
+{
+    const char* name;
+    QSharedPointer<Korvane::MediaInfoV3> info;
+    std::optional<Korvane::CropParam> crop;
+    QList<Korvane::WaterMarkParam> waterMarks;
+    int outW;
+    int outH;
+    QString expected;
+};
+
+// The job of a table row.
+inline Korvane::ConvertSource graphSource(const GraphCase& c)
+{
+    Korvane::ConvertSource source;
+    source.filePath = "/in/clip.mp4";
+    source.crop = c.crop;
+    source.waterMark = c.waterMarks;
+    return source;
 }
 
 } // namespace CommandJobs

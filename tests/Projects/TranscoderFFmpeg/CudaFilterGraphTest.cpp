@@ -24,24 +24,11 @@ MediaInfoProbe marks()
                          {kNoVideo, QSize()}});
 }
 
-struct CudaCase
-{
-    const char* name;
-    QSharedPointer<MediaInfoV3> info;
-    std::optional<CropParam> crop;
-    QList<WaterMarkParam> waterMarks;
-    int outW;
-    int outH;
-    QString expected;
-};
+using CudaCase = GraphCase;
 
 QString build(const CudaCase& c)
 {
-    ConvertSource source;
-    source.filePath = "/in/clip.mp4";
-    source.crop = c.crop;
-    source.waterMark = c.waterMarks;
-    return makeCudaFilterCommand(source, videoOut(c.outW, c.outH), c.info, marks());
+    return makeCudaFilterCommand(graphSource(c), videoOut(c.outW, c.outH), c.info, marks());
 }
 
 const QString kDownload = "hwdownload,format=nv12";

@@ -19,24 +19,11 @@ MediaInfoProbe marks()
     return pictureProbe({{kWide, QSize(200, 100)}, {kSquare, QSize(100, 100)}});
 }
 
-struct QsvCase
-{
-    const char* name;
-    QSharedPointer<MediaInfoV3> info;
-    std::optional<CropParam> crop;
-    QList<WaterMarkParam> waterMarks;
-    int outW;
-    int outH;
-    QString expected;
-};
+using QsvCase = GraphCase;
 
 QString build(const QsvCase& c)
 {
-    ConvertSource source;
-    source.filePath = "/in/clip.mp4";
-    source.crop = c.crop;
-    source.waterMark = c.waterMarks;
-    return makeQsvFilterCommand(source, videoOut(c.outW, c.outH), c.info, marks());
+    return makeQsvFilterCommand(graphSource(c), videoOut(c.outW, c.outH), c.info, marks());
 }
 
 } // namespace
