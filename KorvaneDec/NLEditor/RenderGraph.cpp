@@ -281,6 +281,27 @@ QString buildVideoGraph(const VideoGraphRequest& request)
         current = next;
     }
 
+    for (int k = 0; k < request.bitmapSubtitles.size(); ++k) {
+        const BitmapSubtitleLayer& layer = request.bitmapSubtitles[k];
+        const double aspect = layer.displayAspect > 0.0
+                                  ? layer.displayAspect
+                                  : double(layer.plane.width()) / qMax(1, layer.plane.height());
+        const QSize fitted = fitInto(aspect, request.canvas);
+        parts.append(QStringLiteral("[s%1]scale=%2:%3[sp%1]")
+                         .arg(k)
+                         .arg(fitted.width())
+                         .arg(fitted.height()));
+        // The renderer ends a layer with a transparent picture: past its end
+        // the picture passes untouched instead of being blended with nothing.
+        const QString next = QStringLiteral("sub%1").arg(k);
+        parts.append(QStringLiteral("[%1][sp%2]overlay=x=(W-w)/2:y=(H-h)/2:eof_action=pass:"
+                                    "format=auto[%3]")
+                         .arg(current)
+                         .arg(k)
+                         .arg(next));
+        current = next;
+    }
+
     QStringList tail;
     for (const SubtitleDraw& draw : request.subtitles) {
         tail.append(subtitleFilterText(draw.path, draw.ordinal, draw.offsetMs, draw.speed));

@@ -12,7 +12,8 @@ namespace Korvane {
 // Pure builders of the libavfilter graph text that renders a project. The
 // renderer feeds decoded frames into sources labelled [v<i>] (main clip i's
 // picture), [a<i>] (main clip i's sound), [w<j>] (image clip j, one frame)
-// and [x<k>] (audio clip k), and pulls the output pads [vout] and [aout].
+// [x<k>] (audio clip k) and [s<k>] (picture subtitle layer k), and pulls the
+// output pads [vout] and [aout].
 // Source frames carry their pts from the start of their file; cutting,
 // retiming and placing happen in the graph.
 
@@ -42,12 +43,22 @@ struct SubtitleDraw
     double speed = 1.0; // of the clip the subtitles belong to
 };
 
+// A picture-subtitle layer: RGBA pictures of `plane` size that cover the
+// whole picture they belong to, shown fitted into the canvas at
+// `displayAspect` (width/height), centred, as a player shows them.
+struct BitmapSubtitleLayer
+{
+    QSize plane;
+    double displayAspect = 0.0;
+};
+
 struct VideoGraphRequest
 {
     QList<MediaClip> clips;        // main clips, timeline order
     QList<SourcePicture> pictures; // one per clip
     QList<ImageClip> images;       // in z-order
     QList<SubtitleDraw> subtitles;
+    QList<BitmapSubtitleLayer> bitmapSubtitles; // over the images, under the text subtitles
     QSize canvas;
     QSize output; // the encoded size
     double fps = 25.0;

@@ -65,6 +65,18 @@ QSharedPointer<AVCodecContext> makeAVCodecContextPtr(const AVCodec* codec)
                                           [](AVCodecContext* c) { avcodec_free_context(&c); });
 }
 
+QSharedPointer<AVSubtitle> makeAVSubtitlePtr()
+{
+    auto* subtitle = static_cast<AVSubtitle*>(av_mallocz(sizeof(AVSubtitle)));
+    if (!subtitle) {
+        return {};
+    }
+    return QSharedPointer<AVSubtitle>(subtitle, [](AVSubtitle* s) {
+        avsubtitle_free(s);
+        av_free(s);
+    });
+}
+
 QSharedPointer<AVFilterGraph> makeAVFilterGraphPtr()
 {
     AVFilterGraph* graph = avfilter_graph_alloc();

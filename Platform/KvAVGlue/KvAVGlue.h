@@ -43,6 +43,10 @@ KVAVGLUE_EXPORT QSharedPointer<AVFrame> makeAVFramePtr(AVFrame* frame);
 // avcodec_alloc_context3 / avcodec_free_context.
 KVAVGLUE_EXPORT QSharedPointer<AVCodecContext> makeAVCodecContextPtr(const AVCodec* codec);
 
+// A zeroed subtitle for avcodec_decode_subtitle2 / avcodec_encode_subtitle;
+// the deleter frees its rectangles (avsubtitle_free) and the record.
+KVAVGLUE_EXPORT QSharedPointer<AVSubtitle> makeAVSubtitlePtr();
+
 // avfilter_graph_alloc / avfilter_graph_free.
 KVAVGLUE_EXPORT QSharedPointer<AVFilterGraph> makeAVFilterGraphPtr();
 

@@ -1,11 +1,13 @@
 // Media sources, frame conversion, still pictures and the picture filter
 // texts, on generated media.
 #include "Adapter/AudioFrameConverter.h"
+#include "Adapter/BitmapSubtitleTrack.h"
 #include "Adapter/MediaSource.h"
 #include "Adapter/PictureFilters.h"
 #include "Adapter/StillPicture.h"
 #include "Adapter/VideoFrameConverter.h"
 
+#include "DvdSubtitleWriter.h"
 #include "KvAVGlue/KvAVGlue.h"
 #include "TestMedia.h"
 
@@ -13,6 +15,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QList>
+
+#include <optional>
 
 #include <gtest/gtest.h>
 
@@ -271,4 +275,98 @@ TEST(ProbeSubtitleStream, RecognisesPictureSubtitles)
         probeSubtitleStream(shared + QStringLiteral("/h264-ac3-vobsub-subtitle.mkv"), 2);
     EXPECT_TRUE(info.found);
     EXPECT_TRUE(info.isBitmap);
+}
+
+TEST(CueChanges, ShowClearAndReplace)
+{
+    using Cue = SubtitleCueTimes;
+    using C = SubtitleChangeTime;
+    struct Row
+    {
+        const char* name;
+        Cue current;
+        std::optional<Cue> next;
+        QList<C> expected;
+    };
+    const QList<Row> rows = {
+        {"ends before the next", {100, 500}, Cue{900, 1200}, {{100, true}, {500, false}}},
+        {"the next takes over at its end", {100, 900}, Cue{900, 1200}, {{100, true}}},
+        {"the next cuts it short", {100, 2000}, Cue{900, 1200}, {{100, true}}},
+        {"open end lasts until the next", {100, -1}, Cue{900, 1200}, {{100, true}}},
+        {"an empty cue clears", {100, -1, true}, Cue{900, 1200}, {{100, false}}},
+        {"replaced at the same moment", {100, 500}, Cue{100, 800}, {}},
+        {"last cue with an end", {100, 500}, std::nullopt, {{100, true}, {500, false}}},
+        {"last cue without an end", {100, -1}, std::nullopt, {{100, true}}},
+        {"an end before the start is no end", {100, 50}, std::nullopt, {{100, true}}},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(cueChanges(row.current, row.next ? &*row.next : nullptr), row.expected);
+    }
+}
+
+TEST(BitmapSubtitleTrack, ReadsCuesAsPicturesOnTheTimeline)
+{
+    const QString path = TestMedia::dir() + QStringLiteral("/adapter/boxes.mkv");
+    QDir().mkpath(QFileInfo(path).absolutePath());
+    QString error;
+    ASSERT_TRUE(SubtitleTest::writeDvdSubtitles(path, QSize(160, 120),
+                                                {{800, 1600, QRect(20, 80, 120, 24)},
+                                                 {2000, 2400, QRect(0, 0, 40, 20)},
+                                                 {3000, 3400, QRect(20, 80, 120, 24)}},
+                                                &error))
+        << error.toStdString();
+
+    struct Row
+    {
+        qint64 offsetMs;
+        double speed;
+        QList<qint64> times;
+    };
+    const QList<Row> rows = {
+        {0, 1.0, {800, 1600, 2000, 2400, 3000, 3400}},
+        {200, 2.0, {500, 900, 1100, 1300, 1600, 1800}},
+        {-1000, 1.0, {0, 600, 1000, 1400, 2000, 2400}}, // before the start counts as the start
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.offsetMs);
+        auto track =
+            BitmapSubtitleTrack::open(path, 0, QSize(640, 480), row.offsetMs, row.speed, &error);
+        ASSERT_TRUE(track) << error.toStdString();
+        EXPECT_EQ(track->planeSize(), QSize(160, 120)); // the stream's own, not the fallback
+        QList<qint64> times;
+        QList<bool> shows;
+        QList<QSharedPointer<AVFrame>> pictures;
+        SubtitleChange change;
+        while (track->next(&change, &error)) {
+            times.append(change.ms);
+            shows.append(change.showsCue);
+            pictures.append(change.picture);
+        }
+        EXPECT_TRUE(error.isEmpty()) << error.toStdString();
+        ASSERT_EQ(times.size(), row.times.size());
+        for (int i = 0; i < times.size(); ++i) {
+            // DVD subtitles count their end in steps of 1024/90000 s.
+            EXPECT_NEAR(times[i], row.times[i], 12) << i;
+        }
+        EXPECT_EQ(shows, QList<bool>({true, false, true, false, true, false}));
+        ASSERT_EQ(pictures.size(), 6);
+        const AVFrame* first = pictures[0].data();
+        ASSERT_EQ(first->format, AV_PIX_FMT_RGBA);
+        auto pixel = [](const AVFrame* f, int x, int y) {
+            return f->data[0] + y * f->linesize[0] + x * 4;
+        };
+        // Inside the box: opaque and light; outside: transparent.
+        EXPECT_EQ(pixel(first, 80, 90)[3], 255);
+        EXPECT_GT(pixel(first, 80, 90)[0], 200);
+        EXPECT_EQ(pixel(first, 80, 40)[3], 0);
+        EXPECT_EQ(pixel(first, 10, 10)[3], 0);
+        EXPECT_EQ(pixel(pictures[1].data(), 80, 90)[3], 0);
+        EXPECT_EQ(pixel(pictures[2].data(), 10, 10)[3], 255);
+    }
+
+    EXPECT_FALSE(BitmapSubtitleTrack::open(path, 3, QSize(), 0, 1.0, &error));
+    EXPECT_TRUE(error.contains("subtitle stream 3")) << error.toStdString();
+    EXPECT_FALSE(BitmapSubtitleTrack::open("/nonexistent/subs.mkv", 0, QSize(), 0, 1.0, &error));
+    EXPECT_TRUE(error.contains("/nonexistent/subs.mkv")) << error.toStdString();
 }

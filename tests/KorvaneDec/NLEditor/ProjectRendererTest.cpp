@@ -1,5 +1,6 @@
 // Renders small generated clips through the engine and measures the results
 // with ffprobe and the ffmpeg program.
+#include "DvdSubtitleWriter.h"
 #include "RenderTestSupport.h"
 #include "TestMedia.h"
 
@@ -335,6 +336,52 @@ TEST(ProjectRenderer, SubtitlesAreDrawnOnlyWhileTheirCueIsOn)
     EXPECT_LT(pictureDifference(fastWith, fastWithout, 0.2, 0, 90, 160, 30), 1.0);
 }
 
+TEST(ProjectRenderer, PictureSubtitlesAreOverlaidWhileTheirCueIsOn)
+{
+    const QString source = clipWithoutSound();
+    // A half-size plane: the cue's box lands at twice its place on the canvas.
+    const QString subs = outputPath("boxes.mkv");
+    QString error;
+    ASSERT_TRUE(SubtitleTest::writeDvdSubtitles(subs, QSize(80, 60),
+                                                {{800, 1600, QRect(10, 40, 60, 12)}}, &error))
+        << error.toStdString();
+    auto make = [&](bool withSubtitle, double speed) {
+        QJsonObject clip = mainClip(source, 0, 2000, 0, speed, "video_only");
+        clip.insert("transform", transform(160, 120));
+        QJsonArray subtitles;
+        if (withSubtitle) {
+            subtitles.append(QJsonObject{{"id", "subtitle_0"},
+                                         {"embedded_subtitle_stream_index", 0},
+                                         {"attached_file_path", subs},
+                                         {"attached_offset", 0},
+                                         {"title", "boxes"},
+                                         {"display", true}});
+        }
+        clip.insert("subtitles", subtitles);
+        const QString output = outputPath(
+            QStringLiteral("%1-%2.mp4").arg(withSubtitle ? "boxes" : "noboxes").arg(speed));
+        const RenderOutcome outcome = render(document(160, 120, 25, {clip}), h264Output(output));
+        EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+        return output;
+    };
+    const QString with = make(true, 1.0);
+    const QString without = make(false, 1.0);
+    // Outside the cue only coding noise differs (the encoder predicts from
+    // the boxed frames); the box itself differs by far more.
+    EXPECT_GT(pictureDifference(with, without, 1.2, 24, 84, 112, 16), 30.0);
+    EXPECT_LT(pictureDifference(with, without, 1.2, 0, 0, 160, 70), 5.0);
+    EXPECT_LT(pictureDifference(with, without, 0.5, 0, 80, 160, 24), 5.0);
+    EXPECT_LT(pictureDifference(with, without, 1.8, 0, 80, 160, 24), 5.0);
+    EXPECT_NEAR(probe(with).videoDuration, 2.0, 0.1);
+
+    // At double speed the cue keeps to its picture: 0.4 s to 0.8 s.
+    const QString fastWith = make(true, 2.0);
+    const QString fastWithout = make(false, 2.0);
+    EXPECT_GT(pictureDifference(fastWith, fastWithout, 0.6, 24, 84, 112, 16), 30.0);
+    EXPECT_LT(pictureDifference(fastWith, fastWithout, 0.2, 0, 80, 160, 24), 5.0);
+    EXPECT_LT(pictureDifference(fastWith, fastWithout, 0.9, 0, 80, 160, 24), 5.0);
+}
+
 TEST(ProjectRenderer, OutputRecordChoosesCodecSizeRateAndContainer)
 {
     const QString source = clipWithSound();
@@ -446,31 +493,43 @@ TEST(ProjectRenderer, AnaglyphSideBySideMatchesTheStereoFilter)
     EXPECT_LT(ssim(output, source), 0.9);
 }
 
-TEST(ProjectRenderer, EmbeddedTextSubtitleOfARealFileIsDrawn)
+TEST(ProjectRenderer, EmbeddedSubtitlesOfRealFilesAreDrawn)
 {
     const QString shared = TestMedia::sharedMediaDir();
     if (shared.isEmpty()) {
         GTEST_SKIP() << "shared media folder absent";
     }
-    // One SubRip cue spans 0 to 1.234 s in stream 2.
-    const QString source = shared + QStringLiteral("/h264-ac3-srt-subtitle.mkv");
-    auto make = [&](bool display) {
-        QJsonObject clip = mainClip(source, 0, 1200, 0);
-        clip.insert("transform", transform(1080, 720));
-        clip.insert("subtitles", QJsonArray{QJsonObject{{"id", "subtitle_0"},
-                                                        {"embedded_subtitle_stream_index", 2},
-                                                        {"attached_file_path", source},
-                                                        {"attached_offset", 0},
-                                                        {"display", display}}});
-        const QString output = outputPath(display ? "srt-on.mp4" : "srt-off.mp4");
-        const RenderOutcome outcome = render(document(1080, 720, 25, {clip}), h264Output(output));
-        EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
-        return output;
-    };
-    const QString shown = make(true);
-    const QString hidden = make(false);
-    EXPECT_GT(pictureDifference(shown, hidden, 0.6, 0, 600, 1080, 120), 1.0);
-    EXPECT_LT(pictureDifference(shown, hidden, 0.6, 0, 0, 1080, 200), 0.5);
+    // Each file has one cue on stream 2 from the start to about 1.2 s: SubRip
+    // text drawn by libass, and a DVD picture overlaid. The second file's
+    // pictures all fall in its first 49 ms: only its first frame is looked at.
+    const QList<std::pair<const char*, double>> files = {{"h264-ac3-srt-subtitle.mkv", 0.6},
+                                                         {"h264-ac3-vobsub-subtitle.mkv", 0.0}};
+    for (const auto& [name, atS] : files) {
+        SCOPED_TRACE(name);
+        const QString source = shared + QLatin1Char('/') + QLatin1String(name);
+        auto make = [&](bool display) {
+            QJsonObject clip = mainClip(source, 0, 1200, 0);
+            clip.insert("transform", transform(1080, 720));
+            clip.insert("subtitles", QJsonArray{QJsonObject{{"id", "subtitle_0"},
+                                                            {"embedded_subtitle_stream_index", 2},
+                                                            {"attached_file_path", source},
+                                                            {"attached_offset", 0},
+                                                            {"display", display}}});
+            const QString output =
+                outputPath(QStringLiteral("%1-%2.mp4").arg(name).arg(display ? "on" : "off"));
+            const RenderOutcome outcome =
+                render(document(1080, 720, 25, {clip}), h264Output(output));
+            EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+            return output;
+        };
+        const QString shown = make(true);
+        const QString hidden = make(false);
+        const double subtitleArea = pictureDifference(shown, hidden, atS, 0, 560, 1080, 160);
+        const double above = pictureDifference(shown, hidden, atS, 0, 0, 1080, 200);
+        // Above the cue only the coding of a re-encoded frame differs.
+        EXPECT_GT(subtitleArea, 3.0);
+        EXPECT_LT(above, subtitleArea / 4.0);
+    }
 }
 
 TEST(ProjectRenderer, SoundFileOutputKeepsSoundAndCoverOnly)

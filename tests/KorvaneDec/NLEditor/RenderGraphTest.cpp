@@ -223,18 +223,21 @@ TEST(BuildVideoGraph, ParsesWithOneSourcePerClipAndImage)
     image.center = QPoint(20, 20);
     request.images = {image};
     request.subtitles = {{QStringLiteral("/tmp/a b,c'd.srt"), 0, 1000}};
+    // A wide DVD picture subtitle plane: letterboxed like its film.
+    request.bitmapSubtitles = {{QSize(720, 576), 16.0 / 9.0}};
     request.canvas = QSize(160, 120);
     request.output = QSize(320, 240);
     request.fps = 29.97;
     const QString text = buildVideoGraph(request);
     EXPECT_TRUE(text.contains("concat=n=2:v=1:a=0,fps=29.97[base0]"));
     EXPECT_TRUE(text.contains("scale=320:240,format=pix_fmts=yuv420p[vout]"));
+    EXPECT_TRUE(text.contains("[s0]scale=160:90[sp0];[base1][sp0]overlay=x=(W-w)/2:y=(H-h)/2:"));
     QStringList inputs;
     QStringList outputs;
     // The subtitles filter opens its file while parsing: leave it out here.
     request.subtitles.clear();
     ASSERT_TRUE(parseLabels(buildVideoGraph(request), &inputs, &outputs));
-    EXPECT_EQ(inputs, QStringList({"v0", "v1", "w0"}));
+    EXPECT_EQ(inputs, QStringList({"s0", "v0", "v1", "w0"}));
     EXPECT_EQ(outputs, QStringList({"vout"}));
 }
 

@@ -1,0 +1,74 @@
+#pragma once
+
+#include "Common/AVTaskOutputParam.h"
+#include "NLEditor/ProjectDocument.h"
+#include "NLEditor/RenderFilterGraphs.h"
+#include "NLEditor/RenderPlan.h"
+
+#include <QSharedPointer>
+#include <QString>
+
+#include <functional>
+
+extern "C" {
+#include <libavcodec/avcodec.h>
+#include <libavformat/avformat.h>
+}
+
+namespace Korvane {
+
+// The encoding and muxing end of a render: opens the encoders and the output
+// file (cover picture and container tags included), encodes what the graphs'
+// sinks give, and finishes the file. Once it has created the file, discard()
+// removes it again: a failed or stopped render leaves nothing behind.
+class RenderWriter
+{
+public:
+    RenderWriter(const RenderPlan& plan, const AVTaskOutputParam& out);
+    ~RenderWriter();
+    RenderWriter(const RenderWriter&) = delete;
+    RenderWriter& operator=(const RenderWriter&) = delete;
+
+    // Creates the file and writes its header. False with `error` set.
+    bool open(const ProjectDocument& doc, const RenderFilterGraphs& graphs, QString* error);
+
+    // Encodes every frame the sinks have ready; at a sink's end flushes its
+    // encoder. `progress` gets the timeline share written (0..1) after each
+    // picture (each sound frame when there is no picture).
+    bool drain(const std::function<void(double)>& progress, QString* error);
+
+    // True once both sinks have ended and their encoders are flushed.
+    bool finished() const { return mVideoDone && mAudioDone; }
+
+    // Writes the trailer and closes the file.
+    bool close(QString* error);
+    // Closes and removes a file that was started.
+    void discard();
+
+private:
+    bool openVideo(AVFormatContext* format, QString* error);
+    bool openAudio(AVFormatContext* format, QString* error);
+    bool addCover(AVFormatContext* format, QString* error);
+    bool writeCover(AVFormatContext* format, QString* error);
+    bool encode(AVCodecContext* encoder, AVStream* stream, AVFrame* frame, QString* error);
+    bool drainVideo(const std::function<void(double)>& progress, QString* error);
+    bool drainAudio(const std::function<void(double)>& progress, QString* error);
+
+    const RenderPlan& mPlan;
+    AVTaskOutputParam mOut;
+    AVFilterContext* mVideoSink = nullptr;
+    AVFilterContext* mAudioSink = nullptr;
+    QSharedPointer<AVFormatContext> mOutput;
+    QSharedPointer<AVCodecContext> mVideoEncoder;
+    QSharedPointer<AVCodecContext> mAudioEncoder;
+    QSharedPointer<AVFrame> mFrame;
+    AVStream* mVideoStream = nullptr;
+    AVStream* mAudioStream = nullptr;
+    AVStream* mCoverStream = nullptr;
+    bool mCreated = false;
+    bool mVideoDone = true;
+    bool mAudioDone = true;
+    double mWrittenMs = 0.0;
+};
+
+} // namespace Korvane

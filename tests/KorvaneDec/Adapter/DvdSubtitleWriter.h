@@ -1,0 +1,28 @@
+#pragma once
+
+#include <QList>
+#include <QRect>
+#include <QSize>
+#include <QString>
+
+// Picture subtitles for tests: the ffmpeg program cannot turn text cues into
+// pictures, so the tests encode their own with libavcodec's DVD subtitle
+// encoder.
+namespace SubtitleTest {
+
+// One cue: an opaque box of one colour (0xRRGGBB) shown from `startMs` to
+// `endMs` (milliseconds).
+struct BoxCue
+{
+    int startMs = 0;
+    int endMs = 0;
+    QRect box;
+    quint32 rgb = 0xffffff;
+};
+
+// Writes a Matroska file whose only stream is a DVD subtitle stream of
+// `plane` size holding the cues. False with `error` set on failure.
+bool writeDvdSubtitles(const QString& path, const QSize& plane, const QList<BoxCue>& cues,
+                       QString* error);
+
+} // namespace SubtitleTest
