@@ -7,8 +7,11 @@
 //    every run shares: it must be true from the starts until the first run
 //    ends (which clears it for all), and false after the last has ended.
 // 2. `runs` short conversions one after another (after a few warm-up runs):
-//    open file descriptors (/proc/self/fd) and resident memory (VmRSS) are
-//    printed before and after, with the growth per run.
+//    open file descriptors (/proc/self/fd), resident memory (VmRSS) and the
+//    heap in use (what the allocator has handed out and not had back) are
+//    printed before, at each quarter and after, with the growth per run.
+//    Resident memory also counts freed memory the allocator keeps for reuse;
+//    the heap in use is the figure a leak would move.
 //
 //   SoakBench [runs = 300] [parallel = 8]
 #include "Common/AVTaskOutputParam.h"
@@ -30,6 +33,8 @@
 #include <QTimer>
 
 #include <cstdio>
+
+#include <malloc.h>
 
 using namespace Korvane;
 
@@ -54,6 +59,13 @@ long residentKiB()
         }
     }
     return -1;
+}
+
+// Bytes of heap handed out and not freed (small blocks and mapped ones).
+long heapInUseKiB()
+{
+    const struct mallinfo2 info = mallinfo2();
+    return static_cast<long>((info.uordblks + info.hblkhd) / 1024);
 }
 
 bool playable(const QString& path)
@@ -217,12 +229,19 @@ int main(int argc, char** argv)
     runOneByOne(clip, outDir, 5);
     const int fdBefore = openDescriptors();
     const long rssBefore = residentKiB();
+    const long heapBefore = heapInUseKiB();
     QElapsedTimer clock;
     clock.start();
-    const int sequential = runOneByOne(clip, outDir, runs);
+    int sequential = 0;
+    for (int quarter = 1; quarter <= 4; ++quarter) {
+        sequential += runOneByOne(clip, outDir, runs * quarter / 4 - runs * (quarter - 1) / 4);
+        std::printf("after %d: resident %ld KiB, heap in use %ld KiB\n", runs * quarter / 4,
+                    residentKiB(), heapInUseKiB());
+    }
     const double seconds = clock.elapsed() / 1000.0;
     const int fdAfter = openDescriptors();
     const long rssAfter = residentKiB();
+    const long heapAfter = heapInUseKiB();
     std::printf("%d one after another: %d finished, %.1f s (%.0f ms per job)\n", runs, sequential,
                 seconds, runs > 0 ? seconds * 1000.0 / runs : 0.0);
     std::printf("open descriptors: %d before, %d after (%+d)\n", fdBefore, fdAfter,
@@ -230,6 +249,9 @@ int main(int argc, char** argv)
     std::printf("resident memory: %ld KiB before, %ld KiB after (%+ld KiB, %.2f KiB per job)\n",
                 rssBefore, rssAfter, rssAfter - rssBefore,
                 runs > 0 ? double(rssAfter - rssBefore) / runs : 0.0);
+    std::printf("heap in use: %ld KiB before, %ld KiB after (%+ld KiB, %.2f KiB per job)\n",
+                heapBefore, heapAfter, heapAfter - heapBefore,
+                runs > 0 ? double(heapAfter - heapBefore) / runs : 0.0);
     const bool ok = together == parallel && flagMissed == 0 && !flagAfter && sequential == runs &&
                     fdAfter == fdBefore;
     std::printf("%s\n", ok ? "soak: ok" : "soak: FAILED");
