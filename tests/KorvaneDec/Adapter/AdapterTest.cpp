@@ -7,8 +7,8 @@
 #include "Adapter/StillPicture.h"
 #include "Adapter/VideoFrameConverter.h"
 
-#include "DvdSubtitleWriter.h"
 #include "KvAVGlue/KvAVGlue.h"
+#include "PictureSubtitleWriter.h"
 #include "TestMedia.h"
 
 #include <QDir>
@@ -310,30 +310,36 @@ TEST(BitmapSubtitleTrack, ReadsCuesAsPicturesOnTheTimeline)
     const QString path = TestMedia::dir() + QStringLiteral("/adapter/boxes.mkv");
     QDir().mkpath(QFileInfo(path).absolutePath());
     QString error;
-    ASSERT_TRUE(SubtitleTest::writeDvdSubtitles(path, QSize(160, 120),
-                                                {{800, 1600, QRect(20, 80, 120, 24)},
-                                                 {2000, 2400, QRect(0, 0, 40, 20)},
-                                                 {3000, 3400, QRect(20, 80, 120, 24)}},
-                                                &error))
+    const QList<SubtitleTest::BoxCue> cues = {{800, 1600, QRect(20, 80, 120, 24)},
+                                              {2000, 2400, QRect(0, 0, 40, 20)},
+                                              {3000, 3400, QRect(20, 80, 120, 24)}};
+    ASSERT_TRUE(SubtitleTest::writePictureSubtitles(path, QSize(160, 120), cues, &error))
+        << error.toStdString();
+    const QString dvb = TestMedia::dir() + QStringLiteral("/adapter/boxes-dvb.mkv");
+    ASSERT_TRUE(SubtitleTest::writePictureSubtitles(dvb, QSize(160, 120), cues, &error, "dvbsub"))
         << error.toStdString();
 
     struct Row
     {
+        QString path;
+        QSize plane; // DVB streams state no plane: the video's is taken
         qint64 offsetMs;
         double speed;
         QList<qint64> times;
     };
     const QList<Row> rows = {
-        {0, 1.0, {800, 1600, 2000, 2400, 3000, 3400}},
-        {200, 2.0, {500, 900, 1100, 1300, 1600, 1800}},
-        {-1000, 1.0, {0, 600, 1000, 1400, 2000, 2400}}, // before the start counts as the start
+        {path, QSize(160, 120), 0, 1.0, {800, 1600, 2000, 2400, 3000, 3400}},
+        {path, QSize(160, 120), 200, 2.0, {500, 900, 1100, 1300, 1600, 1800}},
+        // Before the timeline's start counts as its start.
+        {path, QSize(160, 120), -1000, 1.0, {0, 600, 1000, 1400, 2000, 2400}},
+        {dvb, QSize(640, 480), 0, 1.0, {800, 1600, 2000, 2400, 3000, 3400}},
     };
     for (const Row& row : rows) {
-        SCOPED_TRACE(row.offsetMs);
-        auto track =
-            BitmapSubtitleTrack::open(path, 0, QSize(640, 480), row.offsetMs, row.speed, &error);
+        SCOPED_TRACE(QStringLiteral("%1 %2").arg(row.path).arg(row.offsetMs).toStdString());
+        auto track = BitmapSubtitleTrack::open(row.path, 0, QSize(640, 480), row.offsetMs,
+                                               row.speed, &error);
         ASSERT_TRUE(track) << error.toStdString();
-        EXPECT_EQ(track->planeSize(), QSize(160, 120)); // the stream's own, not the fallback
+        EXPECT_EQ(track->planeSize(), row.plane);
         QList<qint64> times;
         QList<bool> shows;
         QList<QSharedPointer<AVFrame>> pictures;
@@ -353,6 +359,7 @@ TEST(BitmapSubtitleTrack, ReadsCuesAsPicturesOnTheTimeline)
         ASSERT_EQ(pictures.size(), 6);
         const AVFrame* first = pictures[0].data();
         ASSERT_EQ(first->format, AV_PIX_FMT_RGBA);
+        EXPECT_EQ(QSize(first->width, first->height), row.plane);
         auto pixel = [](const AVFrame* f, int x, int y) {
             return f->data[0] + y * f->linesize[0] + x * 4;
         };

@@ -1,6 +1,6 @@
 // Renders small generated clips through the engine and measures the results
 // with ffprobe and the ffmpeg program.
-#include "DvdSubtitleWriter.h"
+#include "PictureSubtitleWriter.h"
 #include "RenderTestSupport.h"
 #include "TestMedia.h"
 
@@ -342,8 +342,8 @@ TEST(ProjectRenderer, PictureSubtitlesAreOverlaidWhileTheirCueIsOn)
     // A half-size plane: the cue's box lands at twice its place on the canvas.
     const QString subs = outputPath("boxes.mkv");
     QString error;
-    ASSERT_TRUE(SubtitleTest::writeDvdSubtitles(subs, QSize(80, 60),
-                                                {{800, 1600, QRect(10, 40, 60, 12)}}, &error))
+    ASSERT_TRUE(SubtitleTest::writePictureSubtitles(subs, QSize(80, 60),
+                                                    {{800, 1600, QRect(10, 40, 60, 12)}}, &error))
         << error.toStdString();
     auto make = [&](bool withSubtitle, double speed) {
         QJsonObject clip = mainClip(source, 0, 2000, 0, speed, "video_only");

@@ -20,9 +20,10 @@ struct BoxCue
     quint32 rgb = 0xffffff;
 };
 
-// Writes a Matroska file whose only stream is a DVD subtitle stream of
-// `plane` size holding the cues. False with `error` set on failure.
-bool writeDvdSubtitles(const QString& path, const QSize& plane, const QList<BoxCue>& cues,
-                       QString* error);
+// Writes a Matroska file whose only stream is a picture subtitle stream of
+// `plane` size holding the cues, DVD subtitles unless `codec` names another
+// libavcodec encoder (e.g. "dvbsub"). False with `error` set on failure.
+bool writePictureSubtitles(const QString& path, const QSize& plane, const QList<BoxCue>& cues,
+                           QString* error, const char* codec = "dvdsub");
 
 } // namespace SubtitleTest

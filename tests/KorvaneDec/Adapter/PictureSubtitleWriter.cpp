@@ -1,4 +1,4 @@
-#include "DvdSubtitleWriter.h"
+#include "PictureSubtitleWriter.h"
 
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"
@@ -54,8 +54,8 @@ QSharedPointer<AVSubtitle> boxSubtitle(const BoxCue& cue)
 
 } // namespace
 
-bool writeDvdSubtitles(const QString& path, const QSize& plane, const QList<BoxCue>& cues,
-                       QString* error)
+bool writePictureSubtitles(const QString& path, const QSize& plane, const QList<BoxCue>& cues,
+                           QString* error, const char* codecName)
 {
     const QByteArray file = path.toUtf8();
     AVFormatContext* raw = nullptr;
@@ -64,10 +64,10 @@ bool writeDvdSubtitles(const QString& path, const QSize& plane, const QList<BoxC
         return failed(error, QStringLiteral("muxer"), ret);
     }
     auto format = Korvane::makeAVFormatContextPtr(raw);
-    const AVCodec* codec = avcodec_find_encoder(AV_CODEC_ID_DVD_SUBTITLE);
+    const AVCodec* codec = avcodec_find_encoder_by_name(codecName);
     auto encoder = Korvane::makeAVCodecContextPtr(codec);
     if (!codec || !encoder) {
-        *error = QStringLiteral("no DVD subtitle encoder");
+        *error = QStringLiteral("no encoder %1").arg(QLatin1String(codecName));
         return false;
     }
     encoder->width = plane.width();
@@ -97,34 +97,41 @@ bool writeDvdSubtitles(const QString& path, const QSize& plane, const QList<BoxC
         return failed(error, QStringLiteral("header"), ret);
     }
     QByteArray buffer(1 << 20, '\0');
-    for (const BoxCue& cue : cues) {
-        const auto subtitle = boxSubtitle(cue);
-        if (!subtitle) {
-            avio_closep(&raw->pb);
-            *error = QStringLiteral("out of memory");
-            return false;
-        }
-        const int size =
-            avcodec_encode_subtitle(encoder.data(), reinterpret_cast<uint8_t*>(buffer.data()),
-                                    buffer.size(), subtitle.data());
+    auto write = [&](const AVSubtitle* subtitle, int startMs, int lengthMs) {
+        const int size = avcodec_encode_subtitle(
+            encoder.data(), reinterpret_cast<uint8_t*>(buffer.data()), buffer.size(), subtitle);
         if (size < 0) {
-            avio_closep(&raw->pb);
             return failed(error, QStringLiteral("encode"), size);
         }
         auto packet = Korvane::makeAVPacketPtr();
-        ret = av_new_packet(packet.data(), size);
-        if (ret >= 0) {
+        int written = av_new_packet(packet.data(), size);
+        if (written >= 0) {
             std::memcpy(packet->data, buffer.constData(), size);
             packet->stream_index = stream->index;
             packet->pts = packet->dts =
-                av_rescale_q(cue.startMs, AVRational{1, 1000}, stream->time_base);
-            packet->duration =
-                av_rescale_q(cue.endMs - cue.startMs, AVRational{1, 1000}, stream->time_base);
-            ret = av_interleaved_write_frame(raw, packet.data());
+                av_rescale_q(startMs, AVRational{1, 1000}, stream->time_base);
+            packet->duration = av_rescale_q(lengthMs, AVRational{1, 1000}, stream->time_base);
+            written = av_interleaved_write_frame(raw, packet.data());
         }
-        if (ret < 0) {
+        return written >= 0 || failed(error, QStringLiteral("write"), written);
+    };
+    // DVD cues carry their end; DVB streams end a cue with an empty page, as
+    // broadcasters send them.
+    const bool endsWithEmptyPage = codec->id != AV_CODEC_ID_DVD_SUBTITLE;
+    for (const BoxCue& cue : cues) {
+        const auto subtitle = boxSubtitle(cue);
+        bool ok = subtitle && write(subtitle.data(), cue.startMs, cue.endMs - cue.startMs);
+        if (ok && endsWithEmptyPage) {
+            const auto empty = Korvane::makeAVSubtitlePtr();
+            empty->pts = static_cast<int64_t>(cue.endMs) * 1000;
+            ok = write(empty.data(), cue.endMs, 0);
+        }
+        if (!ok) {
             avio_closep(&raw->pb);
-            return failed(error, QStringLiteral("write"), ret);
+            if (error->isEmpty()) {
+                *error = QStringLiteral("out of memory");
+            }
+            return false;
         }
     }
     ret = av_write_trailer(raw);
