@@ -18,11 +18,6 @@ namespace Korvane {
 
 namespace {
 
-QString ffText(const QString& what, int code)
-{
-    return QStringLiteral("%1: %2").arg(what, ffErrorText(code));
-}
-
 // Clockwise display rotation from the display matrix, snapped to quarters.
 int displayRotation(const AVStream* stream)
 {
@@ -56,14 +51,14 @@ QSharedPointer<AVCodecContext> openDecoder(const AVStream* stream, QString* erro
     }
     int ret = avcodec_parameters_to_context(context.data(), stream->codecpar);
     if (ret < 0) {
-        *error = ffText(QStringLiteral("decoder parameters"), ret);
+        *error = ffFailure(QStringLiteral("decoder parameters"), ret);
         return {};
     }
     context->pkt_timebase = stream->time_base;
     context->thread_count = 0;
     ret = avcodec_open2(context.data(), codec, nullptr);
     if (ret < 0) {
-        *error = ffText(
+        *error = ffFailure(
             QStringLiteral("cannot open the %1 decoder").arg(QString::fromLatin1(codec->name)),
             ret);
         return {};
@@ -197,7 +192,7 @@ QSharedPointer<AVFrame> MediaSource::attachedPicture(QString* error) const
             ret = avcodec_receive_frame(decoder.data(), frame.data());
         }
         if (ret < 0) {
-            *error = ffText(
+            *error = ffFailure(
                 QStringLiteral("cannot decode the attached picture of \"%1\"").arg(mPath), ret);
             return {};
         }
@@ -210,7 +205,7 @@ bool MediaSource::seek(qint64 ms, QString* error)
 {
     const int ret = av_seek_frame(mFormat.data(), -1, mStartUs + ms * 1000, AVSEEK_FLAG_BACKWARD);
     if (ret < 0) {
-        *error = ffText(QStringLiteral("cannot seek \"%1\" to %2 ms").arg(mPath).arg(ms), ret);
+        *error = ffFailure(QStringLiteral("cannot seek \"%1\" to %2 ms").arg(mPath).arg(ms), ret);
         return false;
     }
     if (mVideoDecoder) {
@@ -235,7 +230,7 @@ bool MediaSource::receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* o
         return false;
     }
     if (ret < 0) {
-        *error = ffText(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
+        *error = ffFailure(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
         return false;
     }
     const AVRational timeBase = isVideo ? mVideo.timeBase : mAudio.timeBase;
@@ -285,7 +280,7 @@ bool MediaSource::next(DecodedFrame* out, QString* error)
             continue;
         }
         if (ret < 0) {
-            *error = ffText(QStringLiteral("reading \"%1\" failed").arg(mPath), ret);
+            *error = ffFailure(QStringLiteral("reading \"%1\" failed").arg(mPath), ret);
             return false;
         }
         AVCodecContext* decoder = nullptr;
@@ -299,7 +294,7 @@ bool MediaSource::next(DecodedFrame* out, QString* error)
             // A damaged packet is skipped as players do; the decoder resyncs.
             if (ret < 0 && ret != AVERROR(EAGAIN) && ret != AVERROR_INVALIDDATA) {
                 av_packet_unref(mPacket.data());
-                *error = ffText(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
+                *error = ffFailure(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
                 return false;
             }
         }

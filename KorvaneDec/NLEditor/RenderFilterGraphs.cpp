@@ -16,11 +16,6 @@ namespace Korvane {
 
 namespace {
 
-QString ff(const QString& what, int code)
-{
-    return QStringLiteral("%1: %2").arg(what, ffErrorText(code));
-}
-
 QString layoutText(const AVChannelLayout& layout)
 {
     char text[128] = {};
@@ -74,7 +69,7 @@ bool RenderFilterGraphs::configure(QSharedPointer<AVFilterGraph>* graph, const Q
     auto inputsOwner = makeAVFilterInOutPtr(inputs);
     auto outputsOwner = makeAVFilterInOutPtr(outputs);
     if (ret < 0) {
-        *error = ff(QStringLiteral("bad filter graph \"%1\"").arg(text), ret);
+        *error = ffFailure(QStringLiteral("bad filter graph \"%1\"").arg(text), ret);
         return false;
     }
     for (AVFilterInOut* in = inputs; in; in = in->next) {
@@ -92,7 +87,7 @@ bool RenderFilterGraphs::configure(QSharedPointer<AVFilterGraph>* graph, const Q
             ret = avfilter_link(source, 0, in->filter_ctx, in->pad_idx);
         }
         if (ret < 0) {
-            *error = ff(QStringLiteral("cannot create the source [%1]").arg(label), ret);
+            *error = ffFailure(QStringLiteral("cannot create the source [%1]").arg(label), ret);
             return false;
         }
         mSources.insert(label, source);
@@ -111,7 +106,7 @@ bool RenderFilterGraphs::configure(QSharedPointer<AVFilterGraph>* graph, const Q
         ret = avfilter_graph_config(g, nullptr);
     }
     if (ret < 0) {
-        *error = ff(QStringLiteral("cannot set up the filter graph"), ret);
+        *error = ffFailure(QStringLiteral("cannot set up the filter graph"), ret);
         return false;
     }
     return true;

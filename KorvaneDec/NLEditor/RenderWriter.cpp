@@ -19,15 +19,6 @@ Q_LOGGING_CATEGORY(lcRenderWriter, "korvane.nleditor.writer", QtInfoMsg)
 
 namespace Korvane {
 
-namespace {
-
-QString ff(const QString& what, int code)
-{
-    return QStringLiteral("%1: %2").arg(what, ffErrorText(code));
-}
-
-} // namespace
-
 RenderWriter::RenderWriter(const RenderPlan& plan, const AVTaskOutputParam& out)
     : mPlan(plan), mOut(out), mFrame(makeAVFramePtr())
 {}
@@ -66,8 +57,8 @@ bool RenderWriter::openVideo(AVFormatContext* format, QString* error)
     }
     int ret = avcodec_open2(enc, mPlan.videoCodec, nullptr);
     if (ret < 0) {
-        *error =
-            ff(QStringLiteral("cannot open the video encoder %1").arg(mPlan.videoCodec->name), ret);
+        *error = ffFailure(
+            QStringLiteral("cannot open the video encoder %1").arg(mPlan.videoCodec->name), ret);
         return false;
     }
     mVideoStream = avformat_new_stream(format, nullptr);
@@ -77,7 +68,7 @@ bool RenderWriter::openVideo(AVFormatContext* format, QString* error)
     }
     ret = avcodec_parameters_from_context(mVideoStream->codecpar, enc);
     if (ret < 0) {
-        *error = ff(QStringLiteral("cannot describe the video stream"), ret);
+        *error = ffFailure(QStringLiteral("cannot describe the video stream"), ret);
         return false;
     }
     mVideoStream->time_base = enc->time_base;
@@ -102,7 +93,7 @@ bool RenderWriter::openAudio(AVFormatContext* format, QString* error)
     enc->sample_fmt = mPlan.sampleFormat;
     int ret = av_channel_layout_copy(&enc->ch_layout, &mPlan.channelLayout);
     if (ret < 0) {
-        *error = ff(QStringLiteral("cannot set the channel layout"), ret);
+        *error = ffFailure(QStringLiteral("cannot set the channel layout"), ret);
         return false;
     }
     enc->time_base = AVRational{1, mPlan.sampleRate};
@@ -114,8 +105,8 @@ bool RenderWriter::openAudio(AVFormatContext* format, QString* error)
     }
     ret = avcodec_open2(enc, mPlan.audioCodec, nullptr);
     if (ret < 0) {
-        *error =
-            ff(QStringLiteral("cannot open the audio encoder %1").arg(mPlan.audioCodec->name), ret);
+        *error = ffFailure(
+            QStringLiteral("cannot open the audio encoder %1").arg(mPlan.audioCodec->name), ret);
         return false;
     }
     if (!(mPlan.audioCodec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) &&
@@ -129,7 +120,7 @@ bool RenderWriter::openAudio(AVFormatContext* format, QString* error)
     }
     ret = avcodec_parameters_from_context(mAudioStream->codecpar, enc);
     if (ret < 0) {
-        *error = ff(QStringLiteral("cannot describe the audio stream"), ret);
+        *error = ffFailure(QStringLiteral("cannot describe the audio stream"), ret);
         return false;
     }
     mAudioStream->time_base = enc->time_base;
@@ -197,7 +188,7 @@ bool RenderWriter::writeCover(AVFormatContext* format, QString* error)
         ret = av_interleaved_write_frame(format, packet.data());
     }
     if (ret < 0) {
-        *error = ff(QStringLiteral("cannot write the cover picture"), ret);
+        *error = ffFailure(QStringLiteral("cannot write the cover picture"), ret);
         return false;
     }
     return true;
@@ -213,7 +204,8 @@ bool RenderWriter::open(const ProjectDocument& doc, const RenderFilterGraphs& gr
     int ret = avformat_alloc_output_context2(&raw, nullptr, mPlan.muxer.toLatin1().constData(),
                                              path.constData());
     if (ret < 0 || !raw) {
-        *error = ff(QStringLiteral("cannot write the container \"%1\"").arg(mPlan.muxer), ret);
+        *error =
+            ffFailure(QStringLiteral("cannot write the container \"%1\"").arg(mPlan.muxer), ret);
         return false;
     }
     mOutput = makeAVFormatContextPtr(raw);
@@ -229,14 +221,14 @@ bool RenderWriter::open(const ProjectDocument& doc, const RenderFilterGraphs& gr
     if (!(raw->oformat->flags & AVFMT_NOFILE)) {
         ret = avio_open(&raw->pb, path.constData(), AVIO_FLAG_WRITE);
         if (ret < 0) {
-            *error = ff(QStringLiteral("cannot create \"%1\"").arg(mOut.outputPath), ret);
+            *error = ffFailure(QStringLiteral("cannot create \"%1\"").arg(mOut.outputPath), ret);
             return false;
         }
     }
     mCreated = true;
     ret = avformat_write_header(raw, nullptr);
     if (ret < 0) {
-        *error = ff(QStringLiteral("cannot write the %1 header").arg(mPlan.muxer), ret);
+        *error = ffFailure(QStringLiteral("cannot write the %1 header").arg(mPlan.muxer), ret);
         return false;
     }
     return !mCoverStream || writeCover(raw, error);
@@ -246,7 +238,7 @@ bool RenderWriter::encode(AVCodecContext* encoder, AVStream* stream, AVFrame* fr
 {
     int ret = avcodec_send_frame(encoder, frame);
     if (ret < 0) {
-        *error = ff(QStringLiteral("encoding failed"), ret);
+        *error = ffFailure(QStringLiteral("encoding failed"), ret);
         return false;
     }
     auto packet = makeAVPacketPtr();
@@ -256,14 +248,14 @@ bool RenderWriter::encode(AVCodecContext* encoder, AVStream* stream, AVFrame* fr
             return true;
         }
         if (ret < 0) {
-            *error = ff(QStringLiteral("encoding failed"), ret);
+            *error = ffFailure(QStringLiteral("encoding failed"), ret);
             return false;
         }
         av_packet_rescale_ts(packet.data(), encoder->time_base, stream->time_base);
         packet->stream_index = stream->index;
         ret = av_interleaved_write_frame(mOutput.data(), packet.data());
         if (ret < 0) {
-            *error = ff(QStringLiteral("writing \"%1\" failed").arg(mOut.outputPath), ret);
+            *error = ffFailure(QStringLiteral("writing \"%1\" failed").arg(mOut.outputPath), ret);
             return false;
         }
     }
@@ -282,7 +274,7 @@ bool RenderWriter::drainVideo(const std::function<void(double)>& progress, QStri
             return encode(mVideoEncoder.data(), mVideoStream, nullptr, error);
         }
         if (ret < 0) {
-            *error = ff(QStringLiteral("picture filtering failed"), ret);
+            *error = ffFailure(QStringLiteral("picture filtering failed"), ret);
             return false;
         }
         frame->pict_type = AV_PICTURE_TYPE_NONE;
@@ -313,7 +305,7 @@ bool RenderWriter::drainAudio(const std::function<void(double)>& progress, QStri
             return encode(mAudioEncoder.data(), mAudioStream, nullptr, error);
         }
         if (ret < 0) {
-            *error = ff(QStringLiteral("sound filtering failed"), ret);
+            *error = ffFailure(QStringLiteral("sound filtering failed"), ret);
             return false;
         }
         const AVRational sinkBase = av_buffersink_get_time_base(mAudioSink);
@@ -343,7 +335,7 @@ bool RenderWriter::close(QString* error)
 {
     const int ret = av_write_trailer(mOutput.data());
     if (ret < 0) {
-        *error = ff(QStringLiteral("cannot finish \"%1\"").arg(mOut.outputPath), ret);
+        *error = ffFailure(QStringLiteral("cannot finish \"%1\"").arg(mOut.outputPath), ret);
         return false;
     }
     if (mOutput->pb) {

@@ -16,11 +16,6 @@ namespace {
 
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
-QString ff(const QString& what, int code)
-{
-    return QStringLiteral("%1: %2").arg(what, ffErrorText(code));
-}
-
 std::unique_ptr<AudioFrameConverter> makeAudioConverter(const AudioStreamFacts& facts)
 {
     AVChannelLayout layout = announcedLayout(facts);
@@ -271,7 +266,7 @@ bool TimelineFeeder::pushVideo(const QSharedPointer<AVFrame>& frame, QString* er
         av_buffersrc_add_frame_flags(mGraphs.source(QStringLiteral("v%1").arg(mCurrent)),
                                      conformed.data(), AV_BUFFERSRC_FLAG_KEEP_REF);
     if (ret < 0 && ret != AVERROR_EOF) {
-        *error = ff(QStringLiteral("picture filtering failed"), ret);
+        *error = ffFailure(QStringLiteral("picture filtering failed"), ret);
         return false;
     }
     return true;
@@ -290,7 +285,7 @@ bool TimelineFeeder::pushAudio(AVFilterContext* source, AudioFrameConverter* con
     const int ret =
         av_buffersrc_add_frame_flags(source, conformed.data(), AV_BUFFERSRC_FLAG_KEEP_REF);
     if (ret < 0 && ret != AVERROR_EOF) {
-        *error = ff(QStringLiteral("sound filtering failed"), ret);
+        *error = ffFailure(QStringLiteral("sound filtering failed"), ret);
         return false;
     }
     return true;
@@ -309,7 +304,7 @@ bool TimelineFeeder::pushPicture(AVFilterContext* source, const QSharedPointer<A
     frame->pts = pts;
     const int ret = av_buffersrc_add_frame_flags(source, frame.data(), 0);
     if (ret < 0 && ret != AVERROR_EOF) {
-        *error = ff(QStringLiteral("picture filtering failed"), ret);
+        *error = ffFailure(QStringLiteral("picture filtering failed"), ret);
         return false;
     }
     return true;
@@ -319,7 +314,7 @@ bool TimelineFeeder::endSource(AVFilterContext* source, QString* error)
 {
     const int ret = av_buffersrc_add_frame_flags(source, nullptr, 0);
     if (ret < 0 && ret != AVERROR_EOF) {
-        *error = ff(QStringLiteral("cannot end a filter source"), ret);
+        *error = ffFailure(QStringLiteral("cannot end a filter source"), ret);
         return false;
     }
     return true;

@@ -51,6 +51,11 @@ QString ffErrorText(int code)
     return QString::fromUtf8(buffer);
 }
 
+QString ffFailure(const QString& what, int code)
+{
+    return QStringLiteral("%1: %2").arg(what, ffErrorText(code));
+}
+
 void ffmpegLogToPLog(int maxLevel)
 {
     gMaxLevel.store(maxLevel, std::memory_order_relaxed);

@@ -12,6 +12,10 @@ namespace Korvane {
 // buffer).
 KVAVGLUE_EXPORT QString ffErrorText(int code);
 
+// "what: <ffErrorText(code)>", the form of an error message about a failed
+// FFmpeg call.
+KVAVGLUE_EXPORT QString ffFailure(const QString& what, int code);
+
 // Routes FFmpeg's own log output into the persistent log: FFmpeg's pieces are
 // joined into whole lines, and each line at or below maxLevel (AV_LOG_*) is
 // recorded under the function "av_log" with FFmpeg's level as the record's

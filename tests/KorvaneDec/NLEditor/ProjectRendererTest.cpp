@@ -48,6 +48,29 @@ RenderOutcome render(const QJsonObject& doc, const Korvane::AVTaskOutputParam& o
     return renderer.run();
 }
 
+// Renders the 2 s sound-free test clip on a 160x120 canvas at `speed`,
+// drawing subtitle stream 0 of `subtitleFile`, or no subtitles when it is
+// empty; returns the output path.
+QString renderSubtitled(const QString& subtitleFile, double speed, const QString& name)
+{
+    QJsonObject clip = mainClip(clipWithoutSound(), 0, 2000, 0, speed, "video_only");
+    clip.insert("transform", transform(160, 120));
+    QJsonArray subtitles;
+    if (!subtitleFile.isEmpty()) {
+        subtitles.append(QJsonObject{{"id", "subtitle_0"},
+                                     {"embedded_subtitle_stream_index", 0},
+                                     {"attached_file_path", subtitleFile},
+                                     {"attached_offset", 0},
+                                     {"title", name},
+                                     {"display", true}});
+    }
+    clip.insert("subtitles", subtitles);
+    const QString output = outputPath(QStringLiteral("%1-%2.mp4").arg(name).arg(speed));
+    const RenderOutcome outcome = render(document(160, 120, 25, {clip}), h264Output(output));
+    EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    return output;
+}
+
 } // namespace
 
 TEST(ProjectRenderer, WholeClipKeepsDurationSizeAndStreams)
@@ -297,7 +320,6 @@ TEST(ProjectRenderer, MusicWithCoverShowsThePictureForTheLengthOfTheSound)
 
 TEST(ProjectRenderer, SubtitlesAreDrawnOnlyWhileTheirCueIsOn)
 {
-    const QString source = clipWithoutSound();
     const QString srt = outputPath("cue.srt");
     {
         QFile file(srt);
@@ -305,23 +327,8 @@ TEST(ProjectRenderer, SubtitlesAreDrawnOnlyWhileTheirCueIsOn)
         file.write("1\n00:00:00,800 --> 00:00:01,600\nWWWWWWWW\n\n");
     }
     auto make = [&](bool withSubtitle, double speed) {
-        QJsonObject clip = mainClip(source, 0, 2000, 0, speed, "video_only");
-        clip.insert("transform", transform(160, 120));
-        QJsonArray subtitles;
-        if (withSubtitle) {
-            subtitles.append(QJsonObject{{"id", "subtitle_0"},
-                                         {"embedded_subtitle_stream_index", 0},
-                                         {"attached_file_path", srt},
-                                         {"attached_offset", 0},
-                                         {"title", "cue"},
-                                         {"display", true}});
-        }
-        clip.insert("subtitles", subtitles);
-        const QString output =
-            outputPath(QStringLiteral("%1-%2.mp4").arg(withSubtitle ? "sub" : "nosub").arg(speed));
-        const RenderOutcome outcome = render(document(160, 120, 25, {clip}), h264Output(output));
-        EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
-        return output;
+        return renderSubtitled(withSubtitle ? srt : QString(), speed,
+                               withSubtitle ? QStringLiteral("cue") : QStringLiteral("nocue"));
     };
     const QString with = make(true, 1.0);
     const QString without = make(false, 1.0);
@@ -338,7 +345,6 @@ TEST(ProjectRenderer, SubtitlesAreDrawnOnlyWhileTheirCueIsOn)
 
 TEST(ProjectRenderer, PictureSubtitlesAreOverlaidWhileTheirCueIsOn)
 {
-    const QString source = clipWithoutSound();
     // A half-size plane: the cue's box lands at twice its place on the canvas.
     const QString subs = outputPath("boxes.mkv");
     QString error;
@@ -346,23 +352,8 @@ TEST(ProjectRenderer, PictureSubtitlesAreOverlaidWhileTheirCueIsOn)
                                                     {{800, 1600, QRect(10, 40, 60, 12)}}, &error))
         << error.toStdString();
     auto make = [&](bool withSubtitle, double speed) {
-        QJsonObject clip = mainClip(source, 0, 2000, 0, speed, "video_only");
-        clip.insert("transform", transform(160, 120));
-        QJsonArray subtitles;
-        if (withSubtitle) {
-            subtitles.append(QJsonObject{{"id", "subtitle_0"},
-                                         {"embedded_subtitle_stream_index", 0},
-                                         {"attached_file_path", subs},
-                                         {"attached_offset", 0},
-                                         {"title", "boxes"},
-                                         {"display", true}});
-        }
-        clip.insert("subtitles", subtitles);
-        const QString output = outputPath(
-            QStringLiteral("%1-%2.mp4").arg(withSubtitle ? "boxes" : "noboxes").arg(speed));
-        const RenderOutcome outcome = render(document(160, 120, 25, {clip}), h264Output(output));
-        EXPECT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
-        return output;
+        return renderSubtitled(withSubtitle ? subs : QString(), speed,
+                               withSubtitle ? QStringLiteral("boxes") : QStringLiteral("noboxes"));
     };
     const QString with = make(true, 1.0);
     const QString without = make(false, 1.0);
