@@ -14,6 +14,13 @@ Q_LOGGING_CATEGORY(lcBitmapSubtitles, "korvane.adapter.bitmapsubtitles", QtInfoM
 
 namespace Korvane {
 
+namespace {
+
+// Larger than any video frame these subtitles are drawn for (8K).
+constexpr int kMaxPlaneSide = 8192;
+
+} // namespace
+
 QList<SubtitleChangeTime> cueChanges(const SubtitleCueTimes& current, const SubtitleCueTimes* next)
 {
     QList<SubtitleChangeTime> changes;
@@ -90,11 +97,14 @@ std::unique_ptr<BitmapSubtitleTrack> BitmapSubtitleTrack::open(const QString& pa
     track->mStartUs = raw->start_time == AV_NOPTS_VALUE ? 0 : raw->start_time;
     // DVD subtitles state their plane in the stream header; PGS learns it
     // from the first cue, too late for the filter graph: the video's size is
-    // the plane such cues are authored for.
+    // the plane such cues are authored for. So is it when a damaged header
+    // states a size no picture has.
     const int width = track->mDecoder->width > 0 ? track->mDecoder->width : stream->codecpar->width;
     const int height =
         track->mDecoder->height > 0 ? track->mDecoder->height : stream->codecpar->height;
-    track->mPlane = width > 0 && height > 0 ? QSize(width, height) : fallbackPlane;
+    const bool stated =
+        width > 0 && height > 0 && width <= kMaxPlaneSide && height <= kMaxPlaneSide;
+    track->mPlane = stated ? QSize(width, height) : fallbackPlane;
     if (track->mPlane.isEmpty()) {
         *error = QStringLiteral("the subtitles of \"%1\" have no picture size").arg(path);
         return nullptr;

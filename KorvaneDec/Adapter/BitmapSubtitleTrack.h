@@ -64,10 +64,11 @@ class KORVANEADAPTER_EXPORT BitmapSubtitleTrack
 public:
     // Opens stream `streamIndex` of `path`, which must be a picture-based
     // subtitle stream. The plane (the picture the cue positions refer to) is
-    // the stream's own size when it states one, else `fallbackPlane` (the
-    // video's size). A cue at file time f is shown on the timeline at
-    // (f + offsetMs) / speed, as text subtitles are; times before the
-    // timeline's start count as its start. Null with `error` set on failure.
+    // the stream's own size when it states one of at most 8192 pixels a
+    // side, else `fallbackPlane` (the video's size). A cue at file time f is
+    // shown on the timeline at (f + offsetMs) / speed, as text subtitles are;
+    // times before the timeline's start count as its start. Null with
+    // `error` set on failure.
     static std::unique_ptr<BitmapSubtitleTrack> open(const QString& path, int streamIndex,
                                                      const QSize& fallbackPlane, qint64 offsetMs,
                                                      double speed, QString* error);

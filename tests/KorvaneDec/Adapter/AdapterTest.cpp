@@ -372,6 +372,14 @@ TEST(BitmapSubtitleTrack, ReadsCuesAsPicturesOnTheTimeline)
         EXPECT_EQ(pixel(pictures[2].data(), 10, 10)[3], 255);
     }
 
+    // A header claiming a giant plane: the video's size is taken instead.
+    const QString giant = TestMedia::dir() + QStringLiteral("/adapter/boxes-giant.mkv");
+    ASSERT_TRUE(SubtitleTest::writePictureSubtitles(giant, QSize(9000, 9000), cues, &error))
+        << error.toStdString();
+    auto track = BitmapSubtitleTrack::open(giant, 0, QSize(160, 120), 0, 1.0, &error);
+    ASSERT_TRUE(track) << error.toStdString();
+    EXPECT_EQ(track->planeSize(), QSize(160, 120));
+
     EXPECT_FALSE(BitmapSubtitleTrack::open(path, 3, QSize(), 0, 1.0, &error));
     EXPECT_TRUE(error.contains("subtitle stream 3")) << error.toStdString();
     EXPECT_FALSE(BitmapSubtitleTrack::open("/nonexistent/subs.mkv", 0, QSize(), 0, 1.0, &error));
