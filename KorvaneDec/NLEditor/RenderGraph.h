@@ -11,7 +11,7 @@ namespace Korvane {
 
 // Pure builders of the libavfilter graph text that renders a project. The
 // renderer feeds decoded frames into sources labelled [v<i>] (main clip i's
-// picture), [a<i>] (main clip i's sound), [w<j>] (image clip j, one frame)
+// picture), [a<i>] (main clip i's sound), [w<j>] (image clip j, one frame),
 // [x<k>] (audio clip k) and [s<k>] (picture subtitle layer k), and pulls the
 // output pads [vout] and [aout].
 // Source frames carry their pts from the start of their file; cutting,

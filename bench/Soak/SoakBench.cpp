@@ -61,7 +61,8 @@ long residentKiB()
     return -1;
 }
 
-// Bytes of heap handed out and not freed (small blocks and mapped ones).
+// Heap handed out and not freed (small blocks and mapped ones), in KiB, as
+// the allocator's main arena counts it; threads' own arenas are not in it.
 long heapInUseKiB()
 {
     const struct mallinfo2 info = mallinfo2();
