@@ -25,14 +25,14 @@ DEMO_FFMPEG = ffmpeg -y -hide_banner -loglevel error
 
 demo: build
 	@mkdir -p $(DEMO_DIR)
-	@test -s $(DEMO_DIR)/sample-1080p.mp4 || $(DEMO_FFMPEG) \
+	@test -s $(DEMO_DIR)/sample-1080p.mp4 || { $(DEMO_FFMPEG) \
 		-f lavfi -i testsrc2=size=1920x1080:rate=30:duration=10 \
 		-f lavfi -i sine=frequency=440:duration=10 \
 		-c:v libx264 -preset veryfast -pix_fmt yuv420p -c:a aac -shortest \
-		$(DEMO_DIR)/.sample-1080p.mp4 && mv $(DEMO_DIR)/.sample-1080p.mp4 $(DEMO_DIR)/sample-1080p.mp4
-	@test -s $(DEMO_DIR)/watermark.png || $(DEMO_FFMPEG) \
+		$(DEMO_DIR)/.sample-1080p.mp4 && mv $(DEMO_DIR)/.sample-1080p.mp4 $(DEMO_DIR)/sample-1080p.mp4; }
+	@test -s $(DEMO_DIR)/watermark.png || { $(DEMO_FFMPEG) \
 		-f lavfi -i "color=c=orange:size=240x96,format=rgba" -frames:v 1 \
-		$(DEMO_DIR)/.watermark.png && mv $(DEMO_DIR)/.watermark.png $(DEMO_DIR)/watermark.png
+		$(DEMO_DIR)/.watermark.png && mv $(DEMO_DIR)/.watermark.png $(DEMO_DIR)/watermark.png; }
 	$(BUILD_DIR)/bin/korvane-convert $(DEMO_DIR)/sample-1080p.mp4 $(DEMO_DIR)/sample-720p.mp4 \
 		--vcodec h264 --size 1280x720 --crop 0.1,0.1,0.8,0.8 \
 		--watermark $(DEMO_DIR)/watermark.png@1120,640,alpha=0.8 --gpu auto
