@@ -39,6 +39,17 @@ qint64 knownDurationMs(qint64 durationMs)
     return durationMs > 0 ? durationMs : 0;
 }
 
+// Opens the file once with `demuxer` and describes it; null when it cannot
+// be read. The demuxer keeps the file open for the facts the description
+// does not carry.
+QSharedPointer<MediaDescription> openAndDescribe(FFDemuxer* demuxer, const QString& path)
+{
+    if (!demuxer->open(path) || !demuxer->formatContext()) {
+        return {};
+    }
+    return describeMedia(demuxer->formatContext().data(), path, false);
+}
+
 } // namespace
 
 QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool probeStreams)
@@ -46,14 +57,11 @@ QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool pro
     Q_UNUSED(hint)
     Q_UNUSED(probeStreams)
     FFDemuxer demuxer;
-    if (!demuxer.open(path)) {
+    const QSharedPointer<MediaDescription> description = openAndDescribe(&demuxer, path);
+    if (!description) {
         return {};
     }
     const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
-    const QSharedPointer<MediaDescription> description = describeMedia(context.data(), path, false);
-    if (!description || !context) {
-        return {};
-    }
     auto info = QSharedPointer<MediaInfoV3>::create();
     info->filePath = path;
     info->formatName = context->iformat ? QString::fromUtf8(context->iformat->name) : QString();
@@ -89,14 +97,11 @@ QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool pro
 QSharedPointer<ContainerInfo> getContainInfo(const QString& path, bool computeDuration)
 {
     FFDemuxer demuxer;
-    if (!demuxer.open(path)) {
+    const QSharedPointer<MediaDescription> description = openAndDescribe(&demuxer, path);
+    if (!description) {
         return {};
     }
     const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
-    const QSharedPointer<MediaDescription> description = describeMedia(context.data(), path, false);
-    if (!description || !context) {
-        return {};
-    }
     auto info = QSharedPointer<ContainerInfo>::create();
     info->durationMs = knownDurationMs(description->durationMs);
     for (const QSharedPointer<VideoStreamInfo>& video : description->videoStreams) {

@@ -248,15 +248,20 @@ bool WorkerProcessOperator::launch()
 void WorkerProcessOperator::onReadyReadStandardOutput()
 {
     mStdoutBuffer += mProcess->readAllStandardOutput();
-    const QList<QByteArray> lines = takeLines(mStdoutBuffer);
+    handleLines(takeLines(mStdoutBuffer));
+}
+
+bool WorkerProcessOperator::handleLines(const QList<QByteArray>& lines)
+{
     // A receiver of the bus may drop this operator while a line is handled.
     const QPointer<WorkerProcessOperator> alive(this);
     for (const QByteArray& line : lines) {
         handleLine(line);
         if (!alive) {
-            return;
+            return false;
         }
     }
+    return true;
 }
 
 void WorkerProcessOperator::onReadyReadStandardError()
@@ -313,13 +318,8 @@ void WorkerProcessOperator::onFinished(int exitCode, QProcess::ExitStatus exitSt
     mKillTimer.stop();
     mStdoutBuffer += mProcess->readAllStandardOutput();
     mStdoutBuffer += '\n';
-    const QList<QByteArray> lines = takeLines(mStdoutBuffer);
-    const QPointer<WorkerProcessOperator> alive(this);
-    for (const QByteArray& line : lines) {
-        handleLine(line);
-        if (!alive) {
-            return;
-        }
+    if (!handleLines(takeLines(mStdoutBuffer))) {
+        return;
     }
     mStderrBuffer += mProcess->readAllStandardError();
     mStderrBuffer += '\n';

@@ -101,6 +101,9 @@ private:
     void removeJobFiles();
     bool launch();
     void handleLine(const QByteArray& line);
+    // Handles lines in order; false when this operator was deleted meanwhile
+    // (nothing of it may be touched then).
+    bool handleLines(const QList<QByteArray>& lines);
     void endProcess();
     void emitState(TaskState state);
 

@@ -27,16 +27,6 @@ AVTaskOutputParam exportOutput()
     return output;
 }
 
-bool allGone(const QStringList& paths)
-{
-    for (const QString& path : paths) {
-        if (QFileInfo::exists(path)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 } // namespace
 
 TEST(ExportOperator, RunsTheWorkerOnTheProjectDocument)

@@ -40,16 +40,6 @@ AVTaskOutputParam jobOutput()
     return output;
 }
 
-bool allGone(const QStringList& paths)
-{
-    for (const QString& path : paths) {
-        if (QFileInfo::exists(path)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 } // namespace
 
 TEST(ConverterOperator, SuccessReportsStartProgressAndFinish)

@@ -5,6 +5,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -143,6 +144,16 @@ bool BusRecorder::waitForStateCount(int count, int timeoutMs)
     const QDeadlineTimer deadline(timeoutMs);
     while (mStates.size() < count) {
         if (deadline.hasExpired() || !mStates.wait(int(deadline.remainingTime()))) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool allGone(const QStringList& paths)
+{
+    for (const QString& path : paths) {
+        if (QFileInfo::exists(path)) {
             return false;
         }
     }

@@ -38,6 +38,9 @@ private:
     QTemporaryDir mRecords;
 };
 
+// True when none of the paths exists (job files removed after a run).
+bool allGone(const QStringList& paths);
+
 // One spy per bus signal, read back as plain values.
 class BusRecorder
 {
