@@ -285,6 +285,17 @@ TEST_F(KorvaneConvert, PrintModesMatchTheLibrariesCalledDirectly)
     EXPECT_EQ(printedJob.value("AVTaskOutputParam").toMap(),
               jsonToVariantMap(outputParamToJson(output)));
     EXPECT_EQ(printedJob.size(), 2);
+
+    // An empty source object is the default record, and is printed as one.
+    QFile emptySource(mDir.filePath("empty-source.json"));
+    ASSERT_TRUE(emptySource.open(QIODevice::WriteOnly));
+    emptySource.write(R"({"ConvertSource": {}, "AVTaskOutputParam": {"outputPath": "/o.mp4"}})");
+    emptySource.close();
+    const Result job2 = convert({"--job", emptySource.fileName(), "--print-job"});
+    ASSERT_EQ(job2.exitCode, 0) << job2.err.toStdString();
+    EXPECT_EQ(jsonToVariantMap(QString::fromUtf8(job2.out)).value("ConvertSource").toMap(),
+              jsonToVariantMap(convertSourceToJson(ConvertSource())).value("ConvertSource").toMap())
+        << job2.out.toStdString();
 }
 
 TEST_F(KorvaneConvert, CheckModeAnswersTheTwoSupportChecks)
