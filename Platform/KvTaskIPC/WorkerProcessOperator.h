@@ -30,8 +30,10 @@ namespace Korvane {
 // The worker speaks one JSON object per line on its standard output:
 // {"state":1}, {"progress":0.42}, {"state":5}, {"state":6,"error":"text"},
 // {"state":4}. Lines that are not such objects are ignored. A line "stop" on
-// its standard input asks it to stop. Its standard error goes to the
-// persistent log, line by line.
+// its standard input asks it to stop; so does the end of that input, and so
+// (on Linux) does the end of the thread that started it, which must
+// therefore outlive the run. Its standard error goes to the persistent log,
+// line by line.
 //
 // Reports go to the task's bus, the task's fields written first: state 1 once
 // per start(); each progress value (task state 2, value stored, then

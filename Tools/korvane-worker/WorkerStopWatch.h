@@ -19,8 +19,10 @@ namespace Korvane {
 //   closed its end or died, and no one is left to take the result;
 // - SIGTERM or SIGINT, however often they come;
 // - on Linux, the death of the parent process, which the kernel turns into a
-//   SIGTERM (PR_SET_PDEATHSIG). A parent that died before that was armed is
-//   found by comparing getppid() with the parent the caller saw first.
+//   SIGTERM (PR_SET_PDEATHSIG). The kernel sends it when the parent's thread
+//   that started the worker ends, so hosts start it from a thread that
+//   outlives the run. A parent that died before that was armed is found by
+//   comparing getppid() with the parent the caller saw first.
 //
 // The watch does its work on the event loop of the thread that made it, so
 // that thread must run one while the render works on another; signal
