@@ -4,6 +4,7 @@
 #include "KorvaneBase/KorvaneBase.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -120,6 +121,7 @@ bool WorkerProcessOperator::start()
         return false;
     }
     removeJobFiles();
+    sweepStaleJobFiles();
     if (!writeJobFiles() || !launch()) {
         KV_RECORD("start") << mErrorString;
         removeJobFiles();
@@ -171,6 +173,18 @@ QVariantMap WorkerProcessOperator::operatorInfo()
         {QStringLiteral("restarts"), mRestarts},
         {QStringLiteral("runs"), mRuns},
     };
+}
+
+void WorkerProcessOperator::sweepStaleJobFiles()
+{
+    const QDateTime limit = QDateTime::currentDateTimeUtc().addSecs(-kStaleJobFileAgeS);
+    const QFileInfoList files =
+        QDir(workerJobFolder()).entryInfoList({QStringLiteral("*.json")}, QDir::Files);
+    for (const QFileInfo& file : files) {
+        if (file.lastModified().toUTC() < limit && QFile::remove(file.filePath())) {
+            KV_RECORD("sweepStaleJobFiles") << "removed the stale job file " << file.filePath();
+        }
+    }
 }
 
 bool WorkerProcessOperator::writeJobFiles()

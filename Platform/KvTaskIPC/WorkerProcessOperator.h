@@ -23,14 +23,17 @@ namespace Korvane {
 //
 // The job files are written to unique names in the private folder
 // workerJobFolder() when start() is called and removed when the run ends (or
-// with the operator). The worker is the settings key "kWorker_Path" when set,
-// else "korvane-worker" next to the application.
+// with the operator). Files a host left there when it died are removed by
+// the next start() once they are kStaleJobFileAgeS old. The worker is the settings key
+// "kWorker_Path" when set, else "korvane-worker" next to the application.
 //
 // The worker speaks one JSON object per line on its standard output:
 // {"state":1}, {"progress":0.42}, {"state":5}, {"state":6,"error":"text"},
 // {"state":4}. Lines that are not such objects are ignored. A line "stop" on
-// its standard input asks it to stop. Its standard error goes to the
-// persistent log, line by line.
+// its standard input asks it to stop; so does the end of that input, and so
+// (on Linux) does the end of the thread that started it, which must
+// therefore outlive the run. Its standard error goes to the persistent log,
+// line by line.
 //
 // Reports go to the task's bus, the task's fields written first: state 1 once
 // per start(); each progress value (task state 2, value stored, then
@@ -57,6 +60,10 @@ public:
     // How long a worker may take to end after "stop" or after its final
     // state before it is killed.
     static constexpr int kStopGraceMs = 3000;
+    // Age (since the last change) from which a job file counts as left by a
+    // host that died: a live host removes its own files when its run ends,
+    // and a younger file may belong to a host that still runs.
+    static constexpr qint64 kStaleJobFileAgeS = 24 * 60 * 60;
 
     WorkerProcessOperator(QSharedPointer<AVFFmpegTask> task, QString command,
                           QList<JobFile> jobFiles, int restarts);
@@ -97,6 +104,7 @@ private Q_SLOTS:
     void concludeRun();
 
 private:
+    void sweepStaleJobFiles();
     bool writeJobFiles();
     void removeJobFiles();
     bool launch();

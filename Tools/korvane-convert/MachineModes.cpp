@@ -55,8 +55,9 @@ QByteArray printCheck(const ConvertJob& job)
 
 QByteArray printJob(const ConvertJob& job)
 {
-    const QVariantMap source = jsonToVariantMap(
-        convertSourceToJson(convertSourceFromJson(convertSourceToJson(job.source))));
+    // Written once: a second trip through the reader would fill in what the
+    // job file left out (a record read from {} would gain "extraParam").
+    const QVariantMap source = jsonToVariantMap(convertSourceToJson(job.source));
     const QVariantMap map{{"ConvertSource", source.value("ConvertSource")},
                           {"AVTaskOutputParam", jsonToVariantMap(outputParamToJson(job.output))}};
     return variantMapToJson(map, true).toUtf8();

@@ -24,8 +24,8 @@ QByteArray printTimeline(const ConvertJob& job);
 // with an empty platform.
 QByteArray printCheck(const ConvertJob& job);
 
-// {"ConvertSource": ..., "AVTaskOutputParam": ...}: the source as the
-// library's reader and writer give it back, the output as its writer writes it.
+// {"ConvertSource": ..., "AVTaskOutputParam": ...}: both records as the
+// library's writers write them (the source as the job file's reading left it).
 QByteArray printJob(const ConvertJob& job);
 
 // The media description as JSON: container fields and one object per stream

@@ -1,22 +1,26 @@
 // korvane-worker: renders one conversion job or timeline project in its own
 // process and reports on standard output (see WorkerProtocol). A line "stop"
-// on standard input ends the render; the partial output is removed.
+// on standard input, the end of standard input, SIGTERM, SIGINT or the end
+// of the host process ends the render (see WorkerStopWatch); the partial
+// output is removed and the exit code is 1.
 #include "WorkerJob.h"
 #include "WorkerProtocol.h"
+#include "WorkerStopWatch.h"
 
 #include "KorvaneBase/KorvaneBase.h"
 #include "KvAVGlue/FFmpegLog.h"
 
 #include <QCoreApplication>
 
-#include <atomic>
 #include <cstdio>
-#include <iostream>
-#include <string>
 #include <thread>
+#include <unistd.h>
 
 int main(int argc, char** argv)
 {
+    // Read before anything else, so that a host that dies while the worker
+    // starts up is still noticed.
+    const qint64 parent = ::getppid();
     QCoreApplication app(argc, argv);
     const Korvane::WorkerArguments arguments =
         Korvane::parseWorkerArguments(app.arguments().mid(1));
@@ -27,20 +31,16 @@ int main(int argc, char** argv)
     Korvane::KorvaneBaseEntry();
     Korvane::ffmpegLogToPLog();
 
-    // The render runs on this thread; stdin is watched by a reader that only
-    // raises the flag. It is left blocked in its read when the job ends.
-    static std::atomic<bool> stop{false};
-    std::thread reader([] {
-        std::string line;
-        while (std::getline(std::cin, line)) {
-            if (line == "stop" || line == "stop\r") {
-                stop = true;
-                return;
-            }
-        }
-    });
-    reader.detach();
-
+    // The render runs on its own thread so that this one's event loop can
+    // take stop requests while it works.
+    Korvane::WorkerStopWatch stopWatch(parent);
     Korvane::WorkerProtocol protocol(stdout);
-    return Korvane::runWorkerJob(arguments, protocol, stop) ? 0 : 1;
+    int exitCode = 1;
+    std::thread render([&] {
+        exitCode = Korvane::runWorkerJob(arguments, protocol, stopWatch.flag()) ? 0 : 1;
+        QMetaObject::invokeMethod(&app, &QCoreApplication::quit, Qt::QueuedConnection);
+    });
+    app.exec();
+    render.join();
+    return exitCode;
 }

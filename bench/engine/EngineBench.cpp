@@ -21,6 +21,7 @@
 #include <spawn.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
+#include <unistd.h>
 #include <vector>
 
 extern char** environ;
@@ -35,7 +36,8 @@ struct Run
 };
 
 // Runs a program to its end with its output discarded, timing it and reading
-// its peak resident size from the kernel.
+// its peak resident size from the kernel. Its standard input is a pipe held
+// open and never written: the worker takes the end of its input for "stop".
 Run measure(const QString& program, const QStringList& args)
 {
     std::vector<QByteArray> storage{program.toLocal8Bit()};
@@ -47,22 +49,29 @@ Run measure(const QString& program, const QStringList& args)
         argv.push_back(item.data());
     }
     argv.push_back(nullptr);
+    Run run;
+    int input[2] = {-1, -1};
+    if (pipe2(input, O_CLOEXEC) != 0) {
+        return run;
+    }
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    Run run;
+    posix_spawn_file_actions_adddup2(&actions, input[0], 0);
     QElapsedTimer timer;
     timer.start();
     pid_t pid = 0;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
-        posix_spawn_file_actions_destroy(&actions);
+    const int spawned = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    posix_spawn_file_actions_destroy(&actions);
+    close(input[0]);
+    if (spawned != 0) {
+        close(input[1]);
         return run;
     }
-    posix_spawn_file_actions_destroy(&actions);
     int status = 0;
     rusage usage{};
     wait4(pid, &status, 0, &usage);
+    close(input[1]);
     run.seconds = timer.nsecsElapsed() / 1e9;
     run.peakMegabytes = usage.ru_maxrss / 1024.0;
     run.ok = WIFEXITED(status) && WEXITSTATUS(status) == 0;

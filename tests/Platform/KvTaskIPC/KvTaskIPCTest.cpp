@@ -9,6 +9,7 @@
 #include "ScriptedWorkerHarness.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFileInfo>
 #include <QPointer>
@@ -77,6 +78,42 @@ TEST(ConverterOperator, SuccessReportsStartProgressAndFinish)
     EXPECT_EQ(worker.fileContent(1, "--source"), convertSourceToJson(jobSource()));
     EXPECT_EQ(worker.fileContent(1, "--output"), outputParamToJson(jobOutput()));
     EXPECT_TRUE(allGone(worker.jobPaths(1)));
+}
+
+// Job files that a dead host left behind go at the next start once they are
+// a day old; younger ones may belong to a host that still runs.
+TEST(ConverterOperator, StartRemovesJobFilesOlderThanADay)
+{
+    struct Row
+    {
+        const char* name;
+        qint64 ageS;
+        bool kept;
+    };
+    const qint64 day = WorkerProcessOperator::kStaleJobFileAgeS;
+    const Row rows[] = {{"left-a-week-ago-source.json", 7 * day, false},
+                        {"left-a-day-ago-output.json", day + 600, false},
+                        {"other-host-source.json", day - 600, true},
+                        {"other-host-output.json", 0, true}};
+    QDir folder(WorkerProcessOperator::workerJobFolder());
+    ASSERT_TRUE(folder.mkpath("."));
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    for (const Row& row : rows) {
+        QFile file(folder.filePath(row.name));
+        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+        ASSERT_TRUE(file.setFileTime(now.addSecs(-row.ageS), QFileDevice::FileModificationTime));
+    }
+
+    ScriptedWorker worker("success");
+    const auto op = createConverterContainRetryOp_IPC(jobSource(), jobOutput());
+    BusRecorder bus(op->task());
+    ASSERT_TRUE(op->start());
+    ASSERT_TRUE(bus.waitForFinalState());
+    for (const Row& row : rows) {
+        EXPECT_EQ(folder.exists(row.name), row.kept) << row.name;
+        folder.remove(row.name);
+    }
+    EXPECT_EQ(bus.states(), (QList<int>{1, 5}));
 }
 
 TEST(ConverterOperator, TaskCarriesTheRecords)

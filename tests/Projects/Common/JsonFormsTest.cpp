@@ -74,6 +74,10 @@ TEST(ConvertSourceReading, EmptyOrMissingObjectGivesTheDefaultRecord)
           QString("{\"ConvertSource\": {\"filePath\": "), QString("null")}) {
         SCOPED_TRACE(text.toStdString());
         expectDefault(convertSourceFromJson(text));
+        EXPECT_FALSE(parse(convertSourceToJson(convertSourceFromJson(text)))
+                         .value("ConvertSource")
+                         .toObject()
+                         .contains("extraParam"));
     }
 }
 

@@ -218,15 +218,43 @@ TEST(JobRunner, AnOperatorThatNeverConfirmsTheStopIsGivenUp)
     EXPECT_EQ(runner.run(next).state, TaskState::Finished);
 }
 
-TEST(InterruptWatcher, SigintBecomesOneQtSignalAndTheDefaultActionReturns)
+TEST(InterruptWatcher, SignalsBecomeQtSignalsAndTheDefaultActionsReturn)
 {
-    InterruptWatcher watcher;
-    ASSERT_TRUE(watcher.isActive());
-    QSignalSpy spy(&watcher, &InterruptWatcher::interrupted);
-    ASSERT_EQ(std::raise(SIGINT), 0);
-    ASSERT_TRUE(spy.wait(2000));
-    EXPECT_EQ(spy.count(), 1);
-    struct sigaction current = {};
-    ASSERT_EQ(sigaction(SIGINT, nullptr, &current), 0);
-    EXPECT_EQ(current.sa_handler, SIG_DFL);
+    struct Row
+    {
+        QList<int> watched;
+        InterruptWatcher::Delivery delivery;
+        QList<int> raised;
+        bool handlersStay;
+    };
+    const Row rows[] = {
+        {{SIGINT}, InterruptWatcher::Delivery::Once, {SIGINT}, false},
+        {{SIGTERM, SIGINT}, InterruptWatcher::Delivery::Every, {SIGTERM, SIGINT, SIGTERM}, true},
+    };
+    auto handler = [](int signalNumber) {
+        struct sigaction current = {};
+        EXPECT_EQ(sigaction(signalNumber, nullptr, &current), 0);
+        return current.sa_handler;
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.raised.size());
+        {
+            InterruptWatcher watcher(row.watched, row.delivery);
+            ASSERT_TRUE(watcher.isActive());
+            QSignalSpy spy(&watcher, &InterruptWatcher::interrupted);
+            QList<int> received;
+            for (const int signalNumber : row.raised) {
+                ASSERT_EQ(std::raise(signalNumber), 0);
+                ASSERT_TRUE(spy.wait(2000));
+                received.append(spy.takeFirst().at(0).toInt());
+            }
+            EXPECT_EQ(received, row.raised);
+            for (const int signalNumber : row.watched) {
+                EXPECT_EQ(handler(signalNumber) != SIG_DFL, row.handlersStay);
+            }
+        }
+        for (const int signalNumber : row.watched) {
+            EXPECT_EQ(handler(signalNumber), SIG_DFL);
+        }
+    }
 }

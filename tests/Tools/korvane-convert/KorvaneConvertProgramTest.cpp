@@ -20,6 +20,7 @@
 #include <QProcess>
 #include <QRegularExpression>
 #include <QTemporaryDir>
+#include <QThread>
 
 #include <gtest/gtest.h>
 
@@ -128,6 +129,34 @@ std::string withoutCountedIds(const QByteArray& document)
 {
     static const QRegularExpression counted(QStringLiteral("\"(transform|2dTo3d)_\\d+\""));
     return QString::fromUtf8(document).replace(counted, QStringLiteral("\"\\1_N\"")).toStdString();
+}
+
+// The state letter and the parent of a process, from /proc/PID/stat;
+// {0, 0} when there is no such process.
+QPair<char, qint64> processState(qint64 pid)
+{
+    QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
+    if (!stat.open(QIODevice::ReadOnly)) {
+        return {0, 0};
+    }
+    // "PID (NAME) STATE PPID ...": the name may hold anything, so the fields
+    // are read after its last ')'.
+    const QByteArray text = stat.readAll();
+    const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
+    return fields.size() < 2 ? QPair<char, qint64>{0, 0}
+                             : QPair<char, qint64>{fields[0].at(0), fields[1].toLongLong()};
+}
+
+QList<qint64> childProcesses(qint64 parent)
+{
+    QList<qint64> children;
+    for (const QString& entry : QDir(QStringLiteral("/proc")).entryList(QDir::Dirs)) {
+        const qint64 pid = entry.toLongLong();
+        if (pid > 0 && processState(pid).second == parent) {
+            children.append(pid);
+        }
+    }
+    return children;
 }
 
 class KorvaneConvert : public ::testing::Test
@@ -285,6 +314,17 @@ TEST_F(KorvaneConvert, PrintModesMatchTheLibrariesCalledDirectly)
     EXPECT_EQ(printedJob.value("AVTaskOutputParam").toMap(),
               jsonToVariantMap(outputParamToJson(output)));
     EXPECT_EQ(printedJob.size(), 2);
+
+    // An empty source object is the default record, and is printed as one.
+    QFile emptySource(mDir.filePath("empty-source.json"));
+    ASSERT_TRUE(emptySource.open(QIODevice::WriteOnly));
+    emptySource.write(R"({"ConvertSource": {}, "AVTaskOutputParam": {"outputPath": "/o.mp4"}})");
+    emptySource.close();
+    const Result job2 = convert({"--job", emptySource.fileName(), "--print-job"});
+    ASSERT_EQ(job2.exitCode, 0) << job2.err.toStdString();
+    EXPECT_EQ(jsonToVariantMap(QString::fromUtf8(job2.out)).value("ConvertSource").toMap(),
+              jsonToVariantMap(convertSourceToJson(ConvertSource())).value("ConvertSource").toMap())
+        << job2.out.toStdString();
 }
 
 TEST_F(KorvaneConvert, CheckModeAnswersTheTwoSupportChecks)
@@ -568,4 +608,48 @@ TEST_F(KorvaneConvert, CtrlCStopsTheRunRemovesTheOutputAndExits130)
         EXPECT_TRUE(seen.contains("\"exitCode\":130")) << seen.toStdString();
     }
     EXPECT_TRUE(worker.stopped(1));
+}
+
+// A host killed outright cannot stop its worker; the worker notices on its
+// own, stops and removes its partial output.
+TEST_F(KorvaneConvert, WorkerOfAKilledHostEndsAndLeavesNoOutput)
+{
+    const QString input = longClip();
+    ASSERT_FALSE(input.isEmpty());
+    KorvaneBaseEntry()->settings().remove("kWorker_Path");
+    KorvaneBaseEntry()->settings().sync();
+    const QDir outDir(mDir.filePath("killed"));
+    ASSERT_TRUE(outDir.mkpath("."));
+    QProcess host;
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert("XDG_CACHE_HOME", mDir.filePath("cache"));
+    host.setProcessEnvironment(environment);
+    host.start(KORVANE_CONVERT_PROGRAM,
+               {input, outDir.filePath("out.mp4"), "--json-progress", "--path", "converter"});
+    ASSERT_TRUE(host.waitForStarted());
+    QByteArray seen;
+    const QDeadlineTimer started(60000);
+    while (!seen.contains("\"event\":\"progress\"") && host.state() == QProcess::Running &&
+           !started.hasExpired()) {
+        host.waitForReadyRead(200);
+        seen += host.readAllStandardOutput();
+    }
+    const QList<qint64> workers = childProcesses(host.processId());
+    host.kill();
+    host.waitForFinished();
+    ASSERT_TRUE(seen.contains("\"event\":\"progress\"")) << seen.toStdString();
+    ASSERT_EQ(workers.size(), 1);
+
+    // Ended: gone, or a zombie that nobody has reaped yet.
+    auto ended = [pid = workers[0]] {
+        const char state = processState(pid).first;
+        return state == 0 || state == 'Z' || state == 'X';
+    };
+    const QDeadlineTimer deadline(5000);
+    while (!ended() && !deadline.hasExpired()) {
+        QThread::msleep(50);
+    }
+    EXPECT_TRUE(ended());
+    const QStringList left = outDir.entryList(QDir::Files | QDir::Hidden);
+    EXPECT_TRUE(left.isEmpty()) << left.join(' ').toStdString();
 }

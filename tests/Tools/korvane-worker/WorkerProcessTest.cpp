@@ -8,6 +8,7 @@
 #include "Common/JsonForms.h"
 
 #include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -15,6 +16,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <functional>
 
 using namespace RenderTest;
@@ -70,6 +72,15 @@ QString writeFile(const QString& name, const QByteArray& content)
     file.open(QIODevice::WriteOnly);
     file.write(content);
     return path;
+}
+
+// The output and any temporary file named after it.
+QStringList filesNamedAfter(const QString& output)
+{
+    const QFileInfo info(output);
+    return QDir(info.absolutePath())
+        .entryList({QLatin1Char('*') + info.fileName() + QLatin1Char('*')},
+                   QDir::Files | QDir::Hidden);
 }
 
 QString outputRecord(const QString& outputFile, int w = 0, int h = 0)
@@ -171,27 +182,41 @@ TEST(WorkerProcess, UnreadableJobFilesFailWithState6)
     EXPECT_TRUE(run.lines[0].value("error").toString().contains("/nonexistent/project.json"));
 }
 
-TEST(WorkerProcess, StopOnStandardInputEndsWithState4AndNoFile)
+// Every way a host (or the system) tells the worker to end stops the render
+// mid-way: state 4, exit code 1, no partial file.
+TEST(WorkerProcess, StopRequestsEndWithState4AndNoFile)
 {
     const QString source = longClip();
     ASSERT_FALSE(source.isEmpty());
     QJsonObject clip = mainClip(source, 0, 20000, 0);
     clip.insert("transform", transform(640, 360));
-    const QString output = outputPath("stop.mp4");
-    bool sentStop = false;
-    const WorkerRun run =
-        runWorker({"export", "--project", projectFile(document(640, 360, 25, {clip})), "--output",
-                   outputRecord(output)},
-                  [&](QProcess& process, const QJsonObject& line) {
-                      if (line.contains("progress") && !sentStop) {
-                          sentStop = true;
-                          process.write("stop\n");
-                      }
-                  });
-    ASSERT_TRUE(sentStop);
-    EXPECT_EQ(run.exitCode, 1);
-    EXPECT_EQ(run.lines.last(), QJsonObject({{"state", 4}}));
-    EXPECT_FALSE(QFileInfo::exists(output));
+    const QString project = projectFile(document(640, 360, 25, {clip}));
+    const QList<QPair<const char*, std::function<void(QProcess&)>>> requests{
+        {"stop line", [](QProcess& p) { p.write("stop\n"); }},
+        {"end of standard input", [](QProcess& p) { p.closeWriteChannel(); }},
+        {"SIGTERM", [](QProcess& p) { ::kill(pid_t(p.processId()), SIGTERM); }},
+        {"SIGINT", [](QProcess& p) { ::kill(pid_t(p.processId()), SIGINT); }},
+    };
+    for (const auto& [name, request] : requests) {
+        SCOPED_TRACE(name);
+        const QString output = outputPath("stop.mp4");
+        bool sent = false;
+        const WorkerRun run =
+            runWorker({"export", "--project", project, "--output", outputRecord(output)},
+                      [&](QProcess& process, const QJsonObject& line) {
+                          if (line.contains("progress") && !sent) {
+                              sent = true;
+                              ASSERT_TRUE(QFileInfo::exists(output));
+                              request(process);
+                          }
+                      });
+        ASSERT_TRUE(sent);
+        EXPECT_EQ(run.exitCode, 1);
+        ASSERT_FALSE(run.lines.isEmpty());
+        EXPECT_EQ(run.lines.last(), QJsonObject({{"state", 4}}));
+        const QStringList left = filesNamedAfter(output);
+        EXPECT_TRUE(left.isEmpty()) << left.join(' ').toStdString();
+    }
 }
 
 TEST(WorkerProcess, ConvertRendersTheJobWithItsEdits)

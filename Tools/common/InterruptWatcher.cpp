@@ -2,7 +2,6 @@
 
 #include <QSocketNotifier>
 
-#include <csignal>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -12,30 +11,42 @@ namespace {
 
 int gSockets[2] = {-1, -1};
 
-void onSigint(int)
+void onSignal(int signalNumber)
 {
-    const char byte = 1;
+    const char byte = char(signalNumber);
     // Nothing to do on failure inside a signal handler; the result is read
     // only to keep the compiler quiet about an ignored write.
     [[maybe_unused]] const ssize_t written = ::write(gSockets[0], &byte, 1);
 }
 
+void restoreDefaults(const QList<int>& signalNumbers)
+{
+    for (const int signalNumber : signalNumbers) {
+        std::signal(signalNumber, SIG_DFL);
+    }
+}
+
 } // namespace
 
-InterruptWatcher::InterruptWatcher()
+InterruptWatcher::InterruptWatcher(const QList<int>& signalNumbers, Delivery delivery)
 {
     if (::socketpair(AF_UNIX, SOCK_STREAM, 0, gSockets) != 0) {
         return;
     }
     struct sigaction action = {};
-    action.sa_handler = onSigint;
+    action.sa_handler = onSignal;
     sigemptyset(&action.sa_mask);
-    action.sa_flags = SA_RESTART | SA_RESETHAND;
-    if (::sigaction(SIGINT, &action, nullptr) != 0) {
-        ::close(gSockets[0]);
-        ::close(gSockets[1]);
-        gSockets[0] = gSockets[1] = -1;
-        return;
+    action.sa_flags = SA_RESTART | (delivery == Delivery::Once ? SA_RESETHAND : 0);
+    for (const int signalNumber : signalNumbers) {
+        if (::sigaction(signalNumber, &action, nullptr) != 0) {
+            restoreDefaults(mSignals);
+            mSignals.clear();
+            ::close(gSockets[0]);
+            ::close(gSockets[1]);
+            gSockets[0] = gSockets[1] = -1;
+            return;
+        }
+        mSignals.append(signalNumber);
     }
     mNotifier = new QSocketNotifier(gSockets[1], QSocketNotifier::Read, this);
     connect(mNotifier, &QSocketNotifier::activated, this, &InterruptWatcher::onReadable);
@@ -46,7 +57,7 @@ InterruptWatcher::~InterruptWatcher()
     if (!mNotifier) {
         return;
     }
-    std::signal(SIGINT, SIG_DFL);
+    restoreDefaults(mSignals);
     delete mNotifier;
     ::close(gSockets[0]);
     ::close(gSockets[1]);
@@ -57,7 +68,7 @@ void InterruptWatcher::onReadable()
 {
     char byte = 0;
     if (::read(gSockets[1], &byte, 1) == 1) {
-        Q_EMIT interrupted();
+        Q_EMIT interrupted(int(byte));
     }
 }
 
