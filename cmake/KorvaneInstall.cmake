@@ -1,0 +1,113 @@
+# Install rules: the shared libraries with versioned names, the headers a host
+# compiles against, the two programs, the CMake package, the pkg-config file
+# and the manual page. The installed tree finds its own libraries through
+# $ORIGIN, so it works wherever it is unpacked.
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(CMAKE_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
+    OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
+set(KORVANE_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/Korvane)
+set(KORVANE_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Korvane)
+list(JOIN KORVANE_FFMPEG_MODULES " " KORVANE_FFMPEG_MODULES_TEXT)
+
+# Library target, its name under Korvane::, and the headers of its folder a
+# host needs (the records, the task and operator interfaces, the exported
+# functions and the platform interfaces). The engine libraries carry no
+# headers: only the worker links them.
+set(KORVANE_INSTALLED_LIBRARIES
+    "KorvaneBase|Base|Platform/KorvaneBase|BasicObject.h KorvaneBase.h KorvaneBaseExport.h Logger.h Record.h Settings.h"
+    "KvAVGlue|KvAVGlue|Platform/KvAVGlue|KvAVGlue.h KvAVGlueExport.h FFmpegLog.h"
+    "KorvaneDec|Dec||"
+    "KvMediaInfo|KvMediaInfo|Platform/KvMediaInfo|KvMediaInfo.h KvMediaInfoExport.h"
+    "KorvaneGPUHardwareAcceleration|GPUHardwareAcceleration|Platform/KorvaneGPUHardwareAcceleration|KorvaneGPUHardwareAcceleration.h KorvaneGPUHardwareAccelerationExport.h GpuDetection.h"
+    "KorvaneCommon|Common|Projects/Common|AVFFmpegTask.h AVTaskOutputParam.h CommonExport.h ConvertSource.h IAVTask.h IAVTaskOperator.h JsonForms.h TaskSignalBus.h TaskTypes.h"
+    "KvTaskIPC|KvTaskIPC|Platform/KvTaskIPC|KvTaskIPC.h KvTaskIPCExport.h"
+    "KvExportHost|KvExportHost|Platform/KvExportHost|KvExportHost.h KvExportHostExport.h"
+    "TranscoderFFmpeg|TranscoderFFmpeg|Projects/TranscoderFFmpeg|TranscoderFFmpeg.h TranscoderFFmpegExport.h"
+    "KorvaneAdapter|Adapter||"
+    "KorvaneFilters|Filters||"
+    "KorvaneNLEditor|NLEditor||"
+)
+set(KORVANE_INSTALLED_PROGRAMS korvane-convert korvane-worker)
+
+# A 0.x release may break the interface with every minor version, so the
+# SONAME carries both numbers (libX.so.0.1).
+set(KORVANE_SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
+file(RELATIVE_PATH KORVANE_BIN_TO_LIB
+    ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
+
+set(KORVANE_EXPORTED_TARGETS)
+foreach(entry IN LISTS KORVANE_INSTALLED_LIBRARIES)
+    string(REPLACE "|" ";" fields "${entry}")
+    list(GET fields 0 target)
+    list(GET fields 1 exportName)
+    list(GET fields 2 folder)
+    list(GET fields 3 headers)
+    if(NOT TARGET ${target})
+        continue()
+    endif()
+    set_target_properties(${target} PROPERTIES
+        VERSION ${PROJECT_VERSION}
+        SOVERSION ${KORVANE_SOVERSION}
+        EXPORT_NAME ${exportName}
+        INSTALL_RPATH "$ORIGIN")
+    list(APPEND KORVANE_EXPORTED_TARGETS ${target})
+    if(folder)
+        get_filename_component(unit ${folder} NAME)
+        string(REPLACE " " ";" headers "${headers}")
+        list(TRANSFORM headers PREPEND ${PROJECT_SOURCE_DIR}/${folder}/)
+        install(FILES ${headers} DESTINATION ${KORVANE_INSTALL_INCLUDEDIR}/${unit})
+    endif()
+endforeach()
+
+install(TARGETS ${KORVANE_EXPORTED_TARGETS} EXPORT KorvaneTargets
+    LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+    INCLUDES DESTINATION ${KORVANE_INSTALL_INCLUDEDIR})
+install(EXPORT KorvaneTargets NAMESPACE Korvane:: DESTINATION ${KORVANE_INSTALL_CMAKEDIR})
+
+# The plug-in looks for the worker next to the application, so both programs
+# go to one folder.
+foreach(program IN LISTS KORVANE_INSTALLED_PROGRAMS)
+    if(TARGET ${program})
+        set_target_properties(${program} PROPERTIES INSTALL_RPATH "$ORIGIN/${KORVANE_BIN_TO_LIB}")
+        install(TARGETS ${program} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+    endif()
+endforeach()
+
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/KorvaneConfig.cmake.in
+    ${CMAKE_BINARY_DIR}/cmake/KorvaneConfig.cmake
+    INSTALL_DESTINATION ${KORVANE_INSTALL_CMAKEDIR})
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/cmake/KorvaneConfigVersion.cmake
+    COMPATIBILITY SameMinorVersion)
+install(FILES
+    ${CMAKE_BINARY_DIR}/cmake/KorvaneConfig.cmake
+    ${CMAKE_BINARY_DIR}/cmake/KorvaneConfigVersion.cmake
+    DESTINATION ${KORVANE_INSTALL_CMAKEDIR})
+
+# The .pc file locates the prefix from its own folder, so it stays right in
+# a temporary prefix and in the package alike.
+file(RELATIVE_PATH KORVANE_PC_TO_PREFIX
+    ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
+string(REGEX REPLACE "/$" "" KORVANE_PC_TO_PREFIX "${KORVANE_PC_TO_PREFIX}")
+configure_file(${CMAKE_CURRENT_LIST_DIR}/korvane.pc.in ${CMAKE_BINARY_DIR}/korvane.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/korvane.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# The manual page is the program's own --help, formatted by help2man. Sanitizer
+# builds skip it: running the instrumented program at build time adds nothing.
+find_program(HELP2MAN_PROGRAM help2man)
+if(TARGET korvane-convert AND HELP2MAN_PROGRAM AND NOT KORVANE_SANITIZE)
+    set(manPage ${CMAKE_BINARY_DIR}/man/korvane-convert.1)
+    add_custom_command(OUTPUT ${manPage}
+        COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
+        COMMAND ${HELP2MAN_PROGRAM} --no-info --section=1
+                "--name=convert a video with the ffmpeg conversion plug-in"
+                --include=${CMAKE_CURRENT_LIST_DIR}/korvane-convert.h2m
+                --output=${manPage} $<TARGET_FILE:korvane-convert>
+        DEPENDS korvane-convert ${CMAKE_CURRENT_LIST_DIR}/korvane-convert.h2m
+        VERBATIM)
+    add_custom_target(korvane-man ALL DEPENDS ${manPage})
+    install(FILES ${manPage} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+elseif(NOT HELP2MAN_PROGRAM)
+    message(STATUS "help2man not found: korvane-convert.1 is not built (scripts/install-deps installs it)")
+endif()
