@@ -53,6 +53,11 @@ foreach(entry IN LISTS KORVANE_INSTALLED_LIBRARIES)
         EXPORT_NAME ${exportName}
         INSTALL_RPATH "$ORIGIN")
     list(APPEND KORVANE_EXPORTED_TARGETS ${target})
+    # The tool chain links --as-needed, which drops libc from a library that
+    # reaches it only through Qt; a shared library must still name it.
+    if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
+        target_link_options(${target} PRIVATE "LINKER:--push-state,--no-as-needed,-lc,--pop-state")
+    endif()
     if(folder)
         get_filename_component(unit ${folder} NAME)
         string(REPLACE " " ";" headers "${headers}")
@@ -93,21 +98,40 @@ string(REGEX REPLACE "/$" "" KORVANE_PC_TO_PREFIX "${KORVANE_PC_TO_PREFIX}")
 configure_file(${CMAKE_CURRENT_LIST_DIR}/korvane.pc.in ${CMAKE_BINARY_DIR}/korvane.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/korvane.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
-# The manual page is the program's own --help, formatted by help2man. Sanitizer
-# builds skip it: running the instrumented program at build time adds nothing.
+# Manual pages and the package's changelog are installed compressed, the way
+# man and dpkg expect them; -n keeps the result the same on every build.
+function(korvane_gzip input output)
+    add_custom_command(OUTPUT ${output}
+        COMMAND sh -c "gzip -9nc < \"$0\" > \"$1\"" ${input} ${output}
+        DEPENDS ${input}
+        VERBATIM)
+endfunction()
+set(KORVANE_MAN_PAGES)
+
+# The worker has no --help of its own: its page is written by hand.
+if(TARGET korvane-worker)
+    korvane_gzip(${CMAKE_CURRENT_LIST_DIR}/korvane-worker.1 ${CMAKE_BINARY_DIR}/man/korvane-worker.1.gz)
+    list(APPEND KORVANE_MAN_PAGES ${CMAKE_BINARY_DIR}/man/korvane-worker.1.gz)
+endif()
+
+# korvane-convert's page is the program's own --help, formatted by help2man.
+# Sanitizer builds skip it: running the instrumented program at build time
+# adds nothing.
 find_program(HELP2MAN_PROGRAM help2man)
 if(TARGET korvane-convert AND HELP2MAN_PROGRAM AND NOT KORVANE_SANITIZE)
     set(manPage ${CMAKE_BINARY_DIR}/man/korvane-convert.1)
     add_custom_command(OUTPUT ${manPage}
-        COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/man
         COMMAND ${HELP2MAN_PROGRAM} --no-info --section=1
                 "--name=convert a video with the ffmpeg conversion plug-in"
                 --include=${CMAKE_CURRENT_LIST_DIR}/korvane-convert.h2m
                 --output=${manPage} $<TARGET_FILE:korvane-convert>
         DEPENDS korvane-convert ${CMAKE_CURRENT_LIST_DIR}/korvane-convert.h2m
         VERBATIM)
-    add_custom_target(korvane-man ALL DEPENDS ${manPage})
-    install(FILES ${manPage} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+    korvane_gzip(${manPage} ${manPage}.gz)
+    list(APPEND KORVANE_MAN_PAGES ${manPage}.gz)
 elseif(NOT HELP2MAN_PROGRAM)
     message(STATUS "help2man not found: korvane-convert.1 is not built (scripts/install-deps installs it)")
 endif()
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/man)
+add_custom_target(korvane-man ALL DEPENDS ${KORVANE_MAN_PAGES})
+install(FILES ${KORVANE_MAN_PAGES} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)

@@ -23,17 +23,18 @@ set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_DEPENDS ffmpeg)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+# dpkg refreshes the dynamic linker's cache through this trigger (the
+# maintainer scripts CPack adds call ldconfig as well, in the older way).
+set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_LIST_DIR}/debian/triggers)
 set(CPACK_OUTPUT_FILE_PREFIX ${CMAKE_BINARY_DIR}/package)
 
 # The copyright file and the compressed changelog every Debian package
 # carries under /usr/share/doc/<package>.
 set(KORVANE_DOC_DIR ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_PACKAGE_NAME})
 set(changelogGz ${CMAKE_BINARY_DIR}/debian/changelog.gz)
-add_custom_command(OUTPUT ${changelogGz}
-    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/debian
-    COMMAND sh -c "gzip -9nc < \"$0\" > \"$1\"" ${CMAKE_CURRENT_LIST_DIR}/debian/changelog ${changelogGz}
-    DEPENDS ${CMAKE_CURRENT_LIST_DIR}/debian/changelog
-    VERBATIM)
+file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/debian)
+korvane_gzip(${CMAKE_CURRENT_LIST_DIR}/debian/changelog ${changelogGz})
 add_custom_target(korvane-changelog ALL DEPENDS ${changelogGz})
 install(FILES ${CMAKE_CURRENT_LIST_DIR}/debian/copyright ${changelogGz} DESTINATION ${KORVANE_DOC_DIR})
 
