@@ -11,23 +11,24 @@ set(KORVANE_INSTALL_INCLUDEDIR ${CMAKE_INSTALL_INCLUDEDIR}/Korvane)
 set(KORVANE_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/Korvane)
 list(JOIN KORVANE_FFMPEG_MODULES " " KORVANE_FFMPEG_MODULES_TEXT)
 
-# Library target, its name under Korvane::, and the headers of its folder a
+# Every shared library of the units is installed and exported (the engine
+# libraries too: the worker links them). Named here: the name under
+# Korvane:: where it is not the target's own, and the headers of its folder a
 # host needs (the records, the task and operator interfaces, the exported
-# functions and the platform interfaces). The engine libraries carry no
-# headers: only the worker links them.
-set(KORVANE_INSTALLED_LIBRARIES
-    "KorvaneBase|Base|Platform/KorvaneBase|BasicObject.h KorvaneBase.h KorvaneBaseExport.h Logger.h Record.h Settings.h"
-    "KvAVGlue|KvAVGlue|Platform/KvAVGlue|KvAVGlue.h KvAVGlueExport.h FFmpegLog.h"
-    "KorvaneDec|Dec||"
-    "KvMediaInfo|KvMediaInfo|Platform/KvMediaInfo|KvMediaInfo.h KvMediaInfoExport.h"
-    "KorvaneGPUHardwareAcceleration|GPUHardwareAcceleration|Platform/KorvaneGPUHardwareAcceleration|KorvaneGPUHardwareAcceleration.h KorvaneGPUHardwareAccelerationExport.h GpuDetection.h"
-    "KorvaneCommon|Common|Projects/Common|AVFFmpegTask.h AVTaskOutputParam.h CommonExport.h ConvertSource.h IAVTask.h IAVTaskOperator.h JsonForms.h TaskSignalBus.h TaskTypes.h"
-    "KvTaskIPC|KvTaskIPC|Platform/KvTaskIPC|KvTaskIPC.h KvTaskIPCExport.h"
-    "KvExportHost|KvExportHost|Platform/KvExportHost|KvExportHost.h KvExportHostExport.h"
-    "TranscoderFFmpeg|TranscoderFFmpeg|Projects/TranscoderFFmpeg|TranscoderFFmpeg.h TranscoderFFmpegExport.h"
-    "KorvaneAdapter|Adapter||"
-    "KorvaneFilters|Filters||"
-    "KorvaneNLEditor|NLEditor||"
+# functions and the platform interfaces).
+set(KORVANE_LIBRARY_INTERFACES
+    "KorvaneBase|Base|BasicObject.h KorvaneBase.h KorvaneBaseExport.h Logger.h Record.h Settings.h"
+    "KvAVGlue|KvAVGlue|KvAVGlue.h KvAVGlueExport.h FFmpegLog.h"
+    "KorvaneDec|Dec|"
+    "KvMediaInfo|KvMediaInfo|KvMediaInfo.h KvMediaInfoExport.h"
+    "KorvaneGPUHardwareAcceleration|GPUHardwareAcceleration|KorvaneGPUHardwareAcceleration.h KorvaneGPUHardwareAccelerationExport.h GpuDetection.h"
+    "KorvaneCommon|Common|AVFFmpegTask.h AVTaskOutputParam.h CommonExport.h ConvertSource.h IAVTask.h IAVTaskOperator.h JsonForms.h TaskSignalBus.h TaskTypes.h"
+    "KvTaskIPC|KvTaskIPC|KvTaskIPC.h KvTaskIPCExport.h"
+    "KvExportHost|KvExportHost|KvExportHost.h KvExportHostExport.h"
+    "TranscoderFFmpeg|TranscoderFFmpeg|TranscoderFFmpeg.h TranscoderFFmpegExport.h"
+    "KorvaneAdapter|Adapter|"
+    "KorvaneFilters|Filters|"
+    "KorvaneNLEditor|NLEditor|"
 )
 set(KORVANE_INSTALLED_PROGRAMS korvane-convert korvane-worker)
 
@@ -37,33 +38,61 @@ set(KORVANE_SOVERSION ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR})
 file(RELATIVE_PATH KORVANE_BIN_TO_LIB
     ${CMAKE_INSTALL_FULL_BINDIR} ${CMAKE_INSTALL_FULL_LIBDIR})
 
-set(KORVANE_EXPORTED_TARGETS)
-foreach(entry IN LISTS KORVANE_INSTALLED_LIBRARIES)
-    string(REPLACE "|" ";" fields "${entry}")
-    list(GET fields 0 target)
-    list(GET fields 1 exportName)
-    list(GET fields 2 folder)
-    list(GET fields 3 headers)
-    if(NOT TARGET ${target})
-        continue()
-    endif()
+# Prepares one library for installing: versioned name, $ORIGIN run path, the
+# name under Korvane::, include folders that point into the source tree only
+# while building, and the host's headers.
+function(korvane_install_library target)
+    set(exportName ${target})
+    set(headers "")
+    foreach(entry IN LISTS KORVANE_LIBRARY_INTERFACES)
+        if(entry MATCHES "^${target}\\|([^|]*)\\|(.*)$")
+            set(exportName ${CMAKE_MATCH_1})
+            string(REPLACE " " ";" headers "${CMAKE_MATCH_2}")
+        endif()
+    endforeach()
     set_target_properties(${target} PROPERTIES
         VERSION ${PROJECT_VERSION}
         SOVERSION ${KORVANE_SOVERSION}
         EXPORT_NAME ${exportName}
         INSTALL_RPATH "$ORIGIN")
-    list(APPEND KORVANE_EXPORTED_TARGETS ${target})
+    get_target_property(includes ${target} INTERFACE_INCLUDE_DIRECTORIES)
+    if(includes)
+        set(interfaceIncludes "")
+        foreach(folder IN LISTS includes)
+            string(FIND "${folder}" "${PROJECT_SOURCE_DIR}/" at)
+            if(at EQUAL 0)
+                set(folder "$<BUILD_INTERFACE:${folder}>")
+            endif()
+            list(APPEND interfaceIncludes "${folder}")
+        endforeach()
+        set_target_properties(${target} PROPERTIES INTERFACE_INCLUDE_DIRECTORIES "${interfaceIncludes}")
+    endif()
     # The tool chain links --as-needed, which drops libc from a library that
     # reaches it only through Qt; a shared library must still name it.
     if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
         target_link_options(${target} PRIVATE "LINKER:--push-state,--no-as-needed,-lc,--pop-state")
     endif()
-    if(folder)
+    if(headers)
+        get_target_property(folder ${target} SOURCE_DIR)
         get_filename_component(unit ${folder} NAME)
-        string(REPLACE " " ";" headers "${headers}")
-        list(TRANSFORM headers PREPEND ${PROJECT_SOURCE_DIR}/${folder}/)
+        list(TRANSFORM headers PREPEND ${folder}/)
         install(FILES ${headers} DESTINATION ${KORVANE_INSTALL_INCLUDEDIR}/${unit})
     endif()
+endfunction()
+
+set(KORVANE_EXPORTED_TARGETS)
+foreach(unit IN LISTS KORVANE_UNITS)
+    if(NOT EXISTS ${PROJECT_SOURCE_DIR}/${unit}/CMakeLists.txt)
+        continue()
+    endif()
+    get_property(targets DIRECTORY ${unit} PROPERTY BUILDSYSTEM_TARGETS)
+    foreach(target IN LISTS targets)
+        get_target_property(type ${target} TYPE)
+        if(type STREQUAL "SHARED_LIBRARY")
+            korvane_install_library(${target})
+            list(APPEND KORVANE_EXPORTED_TARGETS ${target})
+        endif()
+    endforeach()
 endforeach()
 
 install(TARGETS ${KORVANE_EXPORTED_TARGETS} EXPORT KorvaneTargets
