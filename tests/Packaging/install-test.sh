@@ -56,7 +56,7 @@ clean cmake -S "$example" -B "$work/host" -G Ninja -DCMAKE_PREFIX_PATH="$prefix"
 clean cmake --build "$work/host" > "$work/host-build.log" ||
     { cat "$work/host-build.log"; fail "the example does not build"; }
 hostOut=$(clean "$work/host/minimal-host" "$clip" "$work/host.mp4" 320 240 1 2> "$work/host.err") ||
-    { cat "$work/host.err"; fail "minimal-host exits $?"; }
+    { status=$?; cat "$work/host.err"; fail "minimal-host exits $status"; }
 grep -qx "state 1 (error 0)" <<< "$hostOut" || fail "minimal-host printed no start: $hostOut"
 grep -qx "progress 1.000" <<< "$hostOut" || fail "minimal-host printed no progress: $hostOut"
 [ "$(tail -n 1 <<< "$hostOut")" = "state 5 (error 0)" ] || fail "minimal-host did not finish: $hostOut"
@@ -69,16 +69,16 @@ pcDir=$(dirname "$(find "$prefix" -name korvane.pc)")
     (cd "$prefix/include/Korvane" && find . -name '*.h' | sort | sed 's|^\./\(.*\)|#include <\1>|')
     echo 'int main() { return Korvane::isHardwareTranscode() ? 1 : 0; }'
 } > "$work/headers.cpp"
-# shellcheck disable=SC2046 # pkg-config prints separate words
+# shellcheck disable=SC2046,SC2086 # the flags are separate words
 clean c++ -std=c++17 $extraFlags "$work/headers.cpp" -o "$work/headers" \
     $(PKG_CONFIG_PATH="$pcDir" pkg-config --cflags --libs korvane) -Wl,-rpath,"$pcDir/.." ||
     fail "the installed headers do not compile with the pkg-config flags"
-clean "$work/headers" || fail "the pkg-config program exits $?"
+clean "$work/headers" || fail "the pkg-config program fails"
 
 # The installed programs: ffmpeg from PATH, the worker next to korvane-convert.
 convert=$prefix/bin/korvane-convert
 clean "$convert" --version | grep -qx "korvane-convert [0-9.]*" || fail "korvane-convert --version"
-clean "$convert" "$clip" "$work/ffmpeg-path.mp4" 2> "$work/convert.err" ||
+clean "$convert" "$clip" "$work/ffmpeg-path.mp4" --path ffmpeg 2> "$work/convert.err" ||
     { cat "$work/convert.err"; fail "the installed korvane-convert fails on the ffmpeg path"; }
 grep -q 'execute cmd: "/usr/bin/ffmpeg"' "$work/convert.err" ||
     { cat "$work/convert.err"; fail "the installed korvane-convert did not run the system's ffmpeg"; }
