@@ -68,7 +68,8 @@ soak: build
 # The Debian package of the build (CPack; library dependencies from
 # dpkg-shlibdeps), checked with lintian and run from its unpacked tree. The
 # build is configured for /usr so that libraries land in the multiarch folder.
-package: deps
+package:
+	./scripts/install-deps package
 	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_FLAGS)
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 	rm -rf $(BUILD_DIR)/package

@@ -1,6 +1,6 @@
 # Install rules: the shared libraries with versioned names, the headers a host
 # compiles against, the two programs, the CMake package, the pkg-config file
-# and the manual page. The installed tree finds its own libraries through
+# and the manual pages. The installed tree finds its own libraries through
 # $ORIGIN, so it works wherever it is unpacked.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
