@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: deps configure build test demo format check-sanitize fuzz soak
+.PHONY: deps configure build test demo format check-sanitize fuzz soak package
 
 deps:
 	./scripts/install-deps
@@ -64,3 +64,14 @@ fuzz:
 RUNS ?= 300
 soak: build
 	$(BUILD_DIR)/bin/SoakBench $(RUNS) 8
+
+# The Debian package of the build (CPack; library dependencies from
+# dpkg-shlibdeps), checked with lintian and run from its unpacked tree. The
+# build is configured for /usr so that libraries land in the multiarch folder.
+package:
+	./scripts/install-deps package
+	cmake -S . -B $(BUILD_DIR) -G Ninja -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) -DCMAKE_INSTALL_PREFIX=/usr $(CMAKE_FLAGS)
+	cmake --build $(BUILD_DIR) -j $(JOBS)
+	rm -rf $(BUILD_DIR)/package
+	cd $(BUILD_DIR) && cpack -G DEB
+	./scripts/check-package $(BUILD_DIR)/package/korvane_*.deb

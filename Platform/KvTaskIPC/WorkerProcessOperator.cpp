@@ -2,8 +2,8 @@
 
 #include "Common/TaskSignalBus.h"
 #include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneBase/ProgramLocation.h"
 
-#include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
 #include <QFile>
@@ -83,17 +83,7 @@ WorkerProcessOperator::~WorkerProcessOperator()
 
 QString WorkerProcessOperator::workerPath()
 {
-    const QString configured =
-        KorvaneBaseEntry()->settings().value(QStringLiteral("kWorker_Path")).toString();
-    if (!configured.isEmpty()) {
-        return configured;
-    }
-#ifdef Q_OS_WIN
-    const QString name = QStringLiteral("korvane-worker.exe");
-#else
-    const QString name = QStringLiteral("korvane-worker");
-#endif
-    return QDir::cleanPath(QCoreApplication::applicationDirPath() + QLatin1Char('/') + name);
+    return locateProgram(QStringLiteral("kWorker_Path"), QStringLiteral("korvane-worker"));
 }
 
 QString WorkerProcessOperator::workerJobFolder()

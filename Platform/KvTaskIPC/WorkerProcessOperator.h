@@ -24,8 +24,9 @@ namespace Korvane {
 // The job files are written to unique names in the private folder
 // workerJobFolder() when start() is called and removed when the run ends (or
 // with the operator). Files a host left there when it died are removed by
-// the next start() once they are kStaleJobFileAgeS old. The worker is the settings key
-// "kWorker_Path" when set, else "korvane-worker" next to the application.
+// the next start() once they are kStaleJobFileAgeS old. The worker is found
+// with locateProgram: the settings key "kWorker_Path", else "korvane-worker"
+// next to the application, else on PATH.
 //
 // The worker speaks one JSON object per line on its standard output:
 // {"state":1}, {"progress":0.42}, {"state":5}, {"state":6,"error":"text"},

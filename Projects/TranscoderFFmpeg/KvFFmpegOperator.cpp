@@ -2,11 +2,11 @@
 
 #include "Common/AVFFmpegTask.h"
 #include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneBase/ProgramLocation.h"
 #include "KorvaneDec/FFDemuxer.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 #include "TranscoderFFmpeg/FFmpegProgress.h"
 
-#include <QCoreApplication>
 #include <QDebug>
 #include <QDir>
 #include <QElapsedTimer>
@@ -113,16 +113,7 @@ void KvFFmpegOperator::setRunning(bool running)
 
 QString KvFFmpegOperator::ffmpegProgram()
 {
-    const QString configured =
-        KorvaneBaseEntry()->settings().value(QStringLiteral("kFFmpeg_Path")).toString();
-    if (!configured.isEmpty()) {
-        return configured;
-    }
-#ifdef Q_OS_WIN
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/ffmpeg.exe");
-#else
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/ffmpeg");
-#endif
+    return locateProgram(QStringLiteral("kFFmpeg_Path"), QStringLiteral("ffmpeg"));
 }
 
 QString KvFFmpegOperator::progressFilePath() const

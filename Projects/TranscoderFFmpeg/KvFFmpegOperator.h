@@ -68,8 +68,9 @@ public:
 
     // True while at least one operator's ffmpeg run is active in this process.
     static bool isTranscodeRunning();
-    // The ffmpeg program: the settings value "kFFmpeg_Path" when set, else
-    // "ffmpeg" (on Windows "ffmpeg.exe") in the application's directory.
+    // The ffmpeg program (locateProgram): the settings value "kFFmpeg_Path",
+    // else "ffmpeg" (on Windows "ffmpeg.exe") in the application's directory,
+    // else the one on PATH.
     static QString ffmpegProgram();
     // <generic cache>/KvFFmpeg/.temp/<tempName>; creates the folders on each call.
     QString progressFilePath() const;

@@ -455,9 +455,9 @@ QString helpText()
 {
     return QStringLiteral(
         "Usage: korvane-convert INPUT OUTPUT [options]\n"
-        "       korvane-convert --job FILE [--job FILE ...] [run options]\n"
-        "       korvane-convert --job FILE --print-command|--print-timeline|--check|--print-job\n"
-        "       korvane-convert --probe MEDIA\n"
+        "   or: korvane-convert --job FILE [--job FILE ...] [run options]\n"
+        "   or: korvane-convert --job FILE --print-command|--print-timeline|--check|--print-job\n"
+        "   or: korvane-convert --probe MEDIA\n"
         "\n"
         "Output:\n"
         "  --format NAME          container (default: the output's suffix)\n"

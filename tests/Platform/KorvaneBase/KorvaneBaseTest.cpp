@@ -1,6 +1,9 @@
 #include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneBase/ProgramLocation.h"
 #include "LogCapture.h"
 
+#include <QCoreApplication>
+#include <QDir>
 #include <QFile>
 #include <QSettings>
 #include <QTemporaryDir>
@@ -187,4 +190,34 @@ TEST(Settings, DefaultPathFollowsTheEnvironment)
     // store uses the same file.
     EXPECT_EQ(Settings::defaultFilePath(), qEnvironmentVariable("KORVANE_SETTINGS_FILE"));
     EXPECT_EQ(KorvaneBaseEntry()->settings().filePath(), Settings::defaultFilePath());
+}
+
+TEST(ProgramLocation, SettingThenApplicationDirectoryThenPathThenApplicationDirectory)
+{
+    QTemporaryDir pathDir;
+    const QString onPathOnly = "korvane-on-path-only";
+    QFile program(pathDir.filePath(onPathOnly));
+    ASSERT_TRUE(program.open(QIODevice::WriteOnly));
+    program.setPermissions(QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    program.close();
+    const QByteArray oldPath = qgetenv("PATH");
+    qputenv("PATH", pathDir.path().toUtf8() + ':' + oldPath);
+    KorvaneBaseEntry()->settings().setValue("kLocate_Test", "/opt/chosen/tool");
+    const QDir appDir(QCoreApplication::applicationDirPath());
+
+    // The build links the system's ffmpeg beside the test programs.
+    const struct
+    {
+        QString key, name, expected;
+    } rows[] = {
+        {"kLocate_Test", "ffmpeg", "/opt/chosen/tool"},
+        {"kLocate_Unset", "ffmpeg", appDir.filePath("ffmpeg")},
+        {"kLocate_Unset", onPathOnly, pathDir.filePath(onPathOnly)},
+        {"kLocate_Unset", "korvane-nowhere", appDir.filePath("korvane-nowhere")},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(locateProgram(row.key, row.name), row.expected) << row.name.toStdString();
+    }
+    KorvaneBaseEntry()->settings().remove("kLocate_Test");
+    qputenv("PATH", oldPath);
 }
