@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: deps configure build test demo format check-sanitize fuzz soak
+.PHONY: deps configure build test demo format check-sanitize fuzz soak mutate
 
 deps:
 	./scripts/install-deps
@@ -64,3 +64,16 @@ fuzz:
 RUNS ?= 300
 soak: build
 	$(BUILD_DIR)/bin/SoakBench $(RUNS) 8
+
+# Mutation check: small faults from a seeded list, one at a time, in a scratch
+# copy of the tree under MUTATE_DIR; prints killed/survived per unit and the
+# score, and lists the survivors in MUTATE_DIR/mutation-report.txt.
+# MUTANTS=N, SEED=S and UNIT=name[,name] pick another or a smaller set.
+MUTATE_DIR ?= build-mutate
+MUTANTS ?= 120
+SEED ?= 1
+UNIT ?=
+mutate:
+	./scripts/install-deps mutate
+	./scripts/mutate --dir $(MUTATE_DIR) --mutants $(MUTANTS) --seed $(SEED) --jobs $(JOBS) \
+		$(if $(UNIT),--unit $(UNIT))
