@@ -68,12 +68,11 @@ soak: build
 # Mutation check: small faults from a seeded list, one at a time, in a scratch
 # copy of the tree under MUTATE_DIR; prints killed/survived per unit and the
 # score, and lists the survivors in MUTATE_DIR/mutation-report.txt.
-# MUTANTS=N, SEED=S and UNIT=name[,name] pick another or a smaller set.
+# MUTANTS=N (default 120), SEED=S and UNIT=name[,name] pick another or a
+# smaller set; UNIT alone reruns those units' share of the default set.
 MUTATE_DIR ?= build-mutate
-MUTANTS ?= 120
 SEED ?= 1
-UNIT ?=
 mutate:
 	./scripts/install-deps mutate
-	./scripts/mutate --dir $(MUTATE_DIR) --mutants $(MUTANTS) --seed $(SEED) --jobs $(JOBS) \
-		$(if $(UNIT),--unit $(UNIT))
+	./scripts/mutate --dir $(MUTATE_DIR) --seed $(SEED) --jobs $(JOBS) \
+		$(if $(MUTANTS),--mutants $(MUTANTS)) $(if $(UNIT),--unit $(UNIT))
