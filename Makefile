@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: deps configure build test demo format check-sanitize fuzz soak package
+.PHONY: deps configure build test demo format check-sanitize fuzz soak package mutate
 
 deps:
 	./scripts/install-deps
@@ -75,3 +75,15 @@ package:
 	rm -rf $(BUILD_DIR)/package
 	cd $(BUILD_DIR) && cpack -G DEB
 	./scripts/check-package $(BUILD_DIR)/package/korvane_*.deb
+
+# Mutation check: small faults from a seeded list, one at a time, in a scratch
+# copy of the tree under MUTATE_DIR; prints killed/survived per unit and the
+# score, and lists the survivors in MUTATE_DIR/mutation-report.txt.
+# MUTANTS=N (default 120), SEED=S and UNIT=name[,name] pick another or a
+# smaller set; UNIT alone reruns those units' share of the default set.
+MUTATE_DIR ?= build-mutate
+SEED ?= 1
+mutate:
+	./scripts/install-deps mutate
+	./scripts/mutate --dir $(MUTATE_DIR) --seed $(SEED) --jobs $(JOBS) \
+		$(if $(MUTANTS),--mutants $(MUTANTS)) $(if $(UNIT),--unit $(UNIT))
