@@ -11,6 +11,7 @@
 #include "ProgressDisplay.h"
 
 #include "Common/ConvertSourceHelper.h"
+#include "Common/OutputRules.h"
 #include "Common/TimelineProject.h"
 #include "KorvaneDec/FFDemuxer.h"
 #include "KorvaneGPUHardwareAcceleration/GpuDetection.h"
@@ -170,6 +171,11 @@ int collectJobs(Invocation& invocation)
         if (!readJobFile(path, &job, &error)) {
             return complain(ExitUsage, error);
         }
+        // Refused in every mode: the printed command would be one no path runs.
+        if (const QString invalid = invalidOutputField(job.output); !invalid.isEmpty()) {
+            return complain(ExitUsage,
+                            QStringLiteral("invalid job file '%1': %2").arg(path, invalid));
+        }
         invocation.jobs.append(job);
     }
     if (cmd.flagJob) {
@@ -184,6 +190,9 @@ int collectJobs(Invocation& invocation)
                 complain(ExitFinished, QStringLiteral("--gpu auto: no NVIDIA or Intel GPU found, "
                                                       "converting without one"));
             }
+        }
+        if (const QString invalid = invalidOutputField(job.output); !invalid.isEmpty()) {
+            return complain(ExitUsage, QStringLiteral("invalid job: %1").arg(invalid));
         }
         invocation.jobs.append(job);
     }

@@ -3,6 +3,7 @@
 #include "WorkerProtocol.h"
 
 #include "Common/JsonForms.h"
+#include "Common/OutputRules.h"
 #include "Common/TimelineProject.h"
 #include "KorvaneBase/Record.h"
 #include "NLEditor/ProjectDocument.h"
@@ -110,6 +111,11 @@ bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
         return fail(error);
     }
     const AVTaskOutputParam output = outputParamFromFlatJson(jsonToVariantMap(outputText));
+    // The names go to libavformat and libavcodec as they are.
+    const QString invalidField = invalidOutputField(output);
+    if (!invalidField.isEmpty()) {
+        return fail(QStringLiteral("invalid job field: %1").arg(invalidField));
+    }
 
     QString documentText;
     if (arguments.mode == WorkerArguments::Mode::Convert) {

@@ -354,6 +354,42 @@ TEST_F(FaultMatrixTest, BadInputsEndInOneDefinedState)
     }
 }
 
+// A job's names reach ffmpeg's arguments and the worker's libraries; none may
+// become an option, so an unrelated file named in one stays as it was.
+TEST_F(FaultMatrixTest, JobNamesNeverBecomeOptions)
+{
+    const QString victim = writeFile(mDir.filePath("victim.txt"), "the user's own file\n");
+    ASSERT_FALSE(victim.isEmpty());
+    const QString injection = "aac -map 0:a -f wav " + victim + " -map 0 -acodec aac";
+    const QList<std::pair<const char*, std::function<void(AVTaskOutputParam&)>>> cases{
+        {"audio.codecName", [&](AVTaskOutputParam& o) { o.audio.codecName = injection; }},
+        {"video.codecName", [&](AVTaskOutputParam& o) { o.video.codecName = "h264 " + injection; }},
+    };
+    for (const auto& [field, change] : cases) {
+        SCOPED_TRACE(field);
+        ConvertSource source;
+        source.filePath = sClip;
+        mOutput.outputPath = mDir.filePath("result.mp4");
+        mOutput.audio.codecName = "aac";
+        mOutput.video.codecName = "h264";
+        change(mOutput);
+        LogCapture log;
+
+        const QList<int> states = runJob(source);
+
+        EXPECT_EQ(states.value(states.size() - 1), 6);
+        EXPECT_FALSE(states.contains(5));
+        // The operator and then the worker refuse, each before it writes.
+        EXPECT_TRUE(log.contains(QStringLiteral("invalid job field: %1 \"").arg(field)))
+            << logText(log).toStdString();
+        EXPECT_TRUE(log.contains(QStringLiteral("worker failed: invalid job field: %1").arg(field)))
+            << logText(log).toStdString();
+        EXPECT_EQ(digest(victim),
+                  QCryptographicHash::hash("the user's own file\n", QCryptographicHash::Sha256));
+        expectOutputMatches(6);
+    }
+}
+
 TEST_F(FaultMatrixTest, MissingOutputFolderIsCreated)
 {
     ConvertSource source;

@@ -24,6 +24,7 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <functional>
 
 using namespace Korvane;
 
@@ -229,6 +230,56 @@ TEST_F(KorvaneConvert, BadInputsGiveOneLineAndTheRightExitCode)
         EXPECT_TRUE(r.out.isEmpty()) << label;
     }
     EXPECT_FALSE(QFile::exists(mDir.filePath("o.mp4")));
+}
+
+TEST_F(KorvaneConvert, JobNamesThatWouldBecomeOptionsAreRefusedInEveryMode)
+{
+    const QString victim = mDir.filePath("x/victim.txt");
+    ASSERT_TRUE(QDir().mkpath(mDir.filePath("x")));
+    {
+        QFile f(victim);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("the user's own file\n");
+    }
+    const QString injection = "aac -map 0:a -f wav " + victim + " -map 0 -acodec aac";
+    struct Case
+    {
+        const char* field;
+        std::function<void(AVTaskOutputParam&)> change;
+    };
+    const QList<Case> cases{
+        {"audio.codecName", [&](AVTaskOutputParam& o) { o.audio.codecName = injection; }},
+        {"video.codecName", [&](AVTaskOutputParam& o) { o.video.codecName = "h264 " + injection; }},
+        {"format", [&](AVTaskOutputParam& o) { o.format = "mp4 -f wav " + victim; }},
+    };
+    for (const Case& c : cases) {
+        ConvertSource source;
+        source.filePath = mClip;
+        AVTaskOutputParam output;
+        output.outputPath = mDir.filePath("out.mp4");
+        output.format = "mp4";
+        output.video.codecName = "h264";
+        output.audio.codecName = "aac";
+        c.change(output);
+        const QString job = writeJob(mDir.filePath("inj.json"), source, output);
+        for (const QStringList& mode :
+             {QStringList{"--print-command"}, QStringList{"--path", "ffmpeg"},
+              QStringList{"--path", "converter"}, QStringList{"--check"}}) {
+            const Result r = convert(QStringList{"--job", job} + mode);
+            const std::string label = c.field + (" " + mode.join(' ')).toStdString();
+            EXPECT_EQ(r.exitCode, 2) << label;
+            ASSERT_EQ(r.errLines().size(), 1) << label << "\n" << r.err.toStdString();
+            EXPECT_TRUE(r.errLines()[0].contains(QString(c.field) + " \"")) << r.err.toStdString();
+            EXPECT_TRUE(r.out.isEmpty()) << label;
+        }
+    }
+    QFile f(victim);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_EQ(f.readAll(), "the user's own file\n");
+    EXPECT_FALSE(QFile::exists(mDir.filePath("out.mp4")));
+    const Result flags = convert({mClip, mDir.filePath("out.mp4"), "--format", "mp4 -y"});
+    EXPECT_EQ(flags.exitCode, 2);
+    EXPECT_TRUE(flags.err.contains("format \"mp4 -y\"")) << flags.err.toStdString();
 }
 
 TEST_F(KorvaneConvert, PrintModesMatchTheLibrariesCalledDirectly)
