@@ -1,6 +1,7 @@
 #include "TranscoderFFmpeg/KvFFmpegOperator.h"
 
 #include "Common/AVFFmpegTask.h"
+#include "Common/JobInputs.h"
 #include "Common/OutputRules.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneDec/FFDemuxer.h"
@@ -44,13 +45,6 @@ std::atomic<bool> transcodeRunning{false};
 QString joinPathParts(const QString& first, const QString& second)
 {
     return QDir::cleanPath(first + QDir::separator() + second);
-}
-
-// True when `output` names the existing file `input` (through any links).
-bool isSameFile(const QString& input, const QString& output)
-{
-    const QString canonical = QFileInfo(output).canonicalFilePath();
-    return !canonical.isEmpty() && canonical == QFileInfo(input).canonicalFilePath();
 }
 
 } // namespace
@@ -143,12 +137,13 @@ bool KvFFmpegOperator::start()
         refuse(__LINE__, QStringLiteral("invalid job field: %1").arg(invalidField));
         return true;
     }
-    // ffmpeg runs with -y: an output naming the input would truncate the
-    // user's original before a frame is read. Refused before anything exists.
-    if (isSameFile(source.filePath, output.outputPath)) {
-        Record("Korvane::KvFFmpegOperator::start", __LINE__, kSourceFile, this, 0)
-            << "output equals input, refused: " << output.outputPath;
-        return false;
+    // ffmpeg runs with -y: an output that is one of the job's inputs would be
+    // truncated before a frame is read, and removed when the run then fails.
+    const QString overwritten = inputOverwrittenBy(source, output.outputPath);
+    if (!overwritten.isEmpty()) {
+        refuse(__LINE__, QStringLiteral("output equals input, refused: \"%1\" is the input \"%2\"")
+                             .arg(output.outputPath, overwritten));
+        return true;
     }
 
     FFDemuxer demuxer;

@@ -53,7 +53,8 @@ public:
     // False, with no signal, when the source cannot be probed, the task is not
     // an AVFFmpegTask, no command can be built or the ffmpeg program cannot be
     // started; true once ffmpeg runs. A job that must not reach ffmpeg (a
-    // name field that is not plain) is refused before anything starts: a
+    // name field that is not plain, an output that is the same file as one of
+    // the job's inputs) is refused before anything starts: a
     // record gives the reason, the task is set to 6 and 6 is emitted from
     // within start(), which then returns true.
     bool start() override;

@@ -2,6 +2,7 @@
 
 #include "WorkerProtocol.h"
 
+#include "Common/JobInputs.h"
 #include "Common/JsonForms.h"
 #include "Common/OutputRules.h"
 #include "Common/TimelineProject.h"
@@ -126,6 +127,11 @@ bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
         const ConvertSource source = convertSourceFromJson(sourceText);
         if (source.filePath.isEmpty()) {
             return fail(QStringLiteral("the job names no input file"));
+        }
+        const QString overwritten = inputOverwrittenBy(source, output.outputPath);
+        if (!overwritten.isEmpty()) {
+            return fail(QStringLiteral("the output \"%1\" is the input \"%2\", refused")
+                            .arg(output.outputPath, overwritten));
         }
         // The output's size becomes the canvas; a record without a size keeps
         // the probed picture size (a 0 would give the document's 640x480).

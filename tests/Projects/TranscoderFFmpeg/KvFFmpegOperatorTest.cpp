@@ -422,6 +422,15 @@ TEST_F(KvFFmpegOperatorTest, RefusedJobsEndInSixBeforeFFmpegStarts)
          "invalid job field: video.codecName \""},
         {"format", [&](ConvertSource&, AVTaskOutputParam& o) { o.format = "wav\t-y"; },
          "invalid job field: format \""},
+        {"output is the watermark",
+         [&](ConvertSource& s, AVTaskOutputParam& o) {
+             WaterMarkParam mark;
+             mark.filePath = o.outputPath = mDir->filePath("mark.png");
+             QFile picture(mark.filePath);
+             ASSERT_TRUE(picture.open(QIODevice::WriteOnly));
+             s.waterMark = {mark};
+         },
+         "output equals input, refused: \""},
     };
     useFFmpeg(fakeFFmpeg("success"));
     for (const Case& c : cases) {
@@ -437,7 +446,7 @@ TEST_F(KvFFmpegOperatorTest, RefusedJobsEndInSixBeforeFFmpegStarts)
         EXPECT_FALSE(isHardwareTranscode());
         EXPECT_TRUE(log.contains(c.logged));
         EXPECT_FALSE(QFileInfo::exists(output.outputPath + ".args"));
-        EXPECT_FALSE(QFileInfo::exists(output.outputPath));
+        EXPECT_EQ(QFileInfo(output.outputPath).size(), 0);
     }
 }
 

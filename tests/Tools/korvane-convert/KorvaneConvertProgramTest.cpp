@@ -14,6 +14,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -25,6 +26,7 @@
 
 #include <csignal>
 #include <functional>
+#include <unistd.h>
 
 using namespace Korvane;
 
@@ -200,6 +202,12 @@ TEST_F(KorvaneConvert, BadInputsGiveOneLineAndTheRightExitCode)
     someOutput.outputPath = mDir.filePath("o.mp4");
     const QString missingInputJob =
         writeJob(mDir.filePath("missing-input.json"), missingSource, someOutput);
+    // One file under a second name, and a picture the job reads.
+    const QString mine = mDir.filePath("mine.mp4");
+    ASSERT_TRUE(QFile::copy(mClip, mine));
+    ASSERT_EQ(::link(QFile::encodeName(mine), QFile::encodeName(mDir.filePath("same.mp4"))), 0);
+    const QString mark = mDir.filePath("mark.png");
+    ASSERT_TRUE(QFile::copy(watermark(), mark));
     struct Case
     {
         QStringList arguments;
@@ -217,6 +225,11 @@ TEST_F(KorvaneConvert, BadInputsGiveOneLineAndTheRightExitCode)
         {{mClip, mDir.filePath("o.mp4"), "--rotate", "45"}, 2, "--rotate"},
         {{mClip, mDir.filePath("o.mp4"), "--frobnicate"}, 2, "unknown option --frobnicate"},
         {{mClip, mClip}, 2, "would overwrite the input"},
+        {{mDir.filePath("same.mp4"), mine}, 2, "would overwrite the input"},
+        {{mine, mark, "--format", "mp4", "--watermark", mark},
+         2,
+         "would overwrite the input '" + mark + "'"},
+        {{mine, mark, "--format", "mp4", "--cover", mark}, 2, "would overwrite the input"},
         {{"--probe", mDir.filePath("gone.mp4")}, 2, "does not exist"},
         {{"--probe", notMedia}, 1, "not a media file"},
         {{notMedia, mDir.filePath("o.mp4"), "--quiet"}, 1, "not a media file"},
@@ -230,6 +243,8 @@ TEST_F(KorvaneConvert, BadInputsGiveOneLineAndTheRightExitCode)
         EXPECT_TRUE(r.out.isEmpty()) << label;
     }
     EXPECT_FALSE(QFile::exists(mDir.filePath("o.mp4")));
+    EXPECT_EQ(QFileInfo(mine).size(), QFileInfo(mClip).size());
+    EXPECT_EQ(QFileInfo(mark).size(), QFileInfo(watermark()).size());
 }
 
 TEST_F(KorvaneConvert, JobNamesThatWouldBecomeOptionsAreRefusedInEveryMode)
