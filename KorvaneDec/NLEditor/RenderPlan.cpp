@@ -1,6 +1,7 @@
 #include "NLEditor/RenderPlan.h"
 
 #include "Adapter/PictureFilters.h"
+#include "KorvaneBase/FileIdentity.h"
 #include "KorvaneBase/Record.h"
 #include "KvAVGlue/KvAVGlue.h"
 #include "NLEditor/OutputFormat.h"
@@ -45,19 +46,18 @@ bool checkOutput(const ProjectDocument& doc, const AVTaskOutputParam& out, QStri
         *error = QStringLiteral("no output path given");
         return false;
     }
-    const QString outputFile = QFileInfo(out.outputPath).canonicalFilePath();
-    if (outputFile.isEmpty()) {
-        return true;
-    }
-    QStringList inputs;
+    QStringList inputs{doc.coverPath};
     for (const MediaClip& clip : doc.mainClips + doc.audioClips) {
         inputs << clip.filePath;
+        for (const SubtitleEntry& subtitle : clip.subtitles) {
+            inputs << subtitle.filePath;
+        }
     }
     for (const ImageClip& clip : doc.imageClips) {
         inputs << clip.filePath;
     }
     for (const QString& input : std::as_const(inputs)) {
-        if (QFileInfo(input).canonicalFilePath() == outputFile) {
+        if (isSameFile(input, out.outputPath)) {
             *error = QStringLiteral("the output \"%1\" is one of the inputs, refused")
                          .arg(out.outputPath);
             return false;

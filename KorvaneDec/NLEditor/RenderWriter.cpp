@@ -6,6 +6,7 @@
 
 #include <QFile>
 #include <QLoggingCategory>
+#include <QSaveFile>
 
 #include <cstring>
 
@@ -18,6 +19,42 @@ extern "C" {
 Q_LOGGING_CATEGORY(lcRenderWriter, "korvane.nleditor.writer", QtInfoMsg)
 
 namespace Korvane {
+
+namespace {
+
+constexpr int kIoBufferSize = 64 * 1024;
+
+#if LIBAVFORMAT_VERSION_MAJOR < 61
+int writeToFile(void* opaque, uint8_t* data, int size)
+#else
+int writeToFile(void* opaque, const uint8_t* data, int size)
+#endif
+{
+    auto* file = static_cast<QSaveFile*>(opaque);
+    return file->write(reinterpret_cast<const char*>(data), size) == size ? size : AVERROR(EIO);
+}
+
+int64_t seekInFile(void* opaque, int64_t offset, int whence)
+{
+    auto* file = static_cast<QSaveFile*>(opaque);
+    switch (whence & ~AVSEEK_FORCE) {
+    case AVSEEK_SIZE:
+        return file->size();
+    case SEEK_SET:
+        break;
+    case SEEK_CUR:
+        offset += file->pos();
+        break;
+    case SEEK_END:
+        offset += file->size();
+        break;
+    default:
+        return AVERROR(EINVAL);
+    }
+    return file->seek(offset) ? offset : AVERROR(EIO);
+}
+
+} // namespace
 
 RenderWriter::RenderWriter(const RenderPlan& plan, const AVTaskOutputParam& out)
     : mPlan(plan), mOut(out), mFrame(makeAVFramePtr())
@@ -218,20 +255,44 @@ bool RenderWriter::open(const ProjectDocument& doc, const RenderFilterGraphs& gr
         av_dict_set(&raw->metadata, it.key().toUtf8().constData(),
                     it.value().toString().toUtf8().constData(), 0);
     }
-    if (!(raw->oformat->flags & AVFMT_NOFILE)) {
-        ret = avio_open(&raw->pb, path.constData(), AVIO_FLAG_WRITE);
-        if (ret < 0) {
-            *error = ffFailure(QStringLiteral("cannot create \"%1\"").arg(mOut.outputPath), ret);
-            return false;
-        }
+    if (raw->oformat->flags & AVFMT_NOFILE) {
+        // Such a muxer writes its files itself, at the output path.
+        mCreated = true;
+    } else if (!openOutputFile(error)) {
+        return false;
+    } else {
+        raw->pb = mIo.data();
     }
-    mCreated = true;
     ret = avformat_write_header(raw, nullptr);
     if (ret < 0) {
         *error = ffFailure(QStringLiteral("cannot write the %1 header").arg(mPlan.muxer), ret);
         return false;
     }
     return !mCoverStream || writeCover(raw, error);
+}
+
+bool RenderWriter::openOutputFile(QString* error)
+{
+    // The render goes to a file beside the output that replaces it only once
+    // it is complete: a failed or stopped render leaves whatever was at the
+    // output path exactly as it was.
+    mFile = std::make_unique<QSaveFile>(mOut.outputPath);
+    if (!mFile->open(QIODevice::WriteOnly)) {
+        *error =
+            QStringLiteral("cannot create \"%1\": %2").arg(mOut.outputPath, mFile->errorString());
+        return false;
+    }
+    auto* buffer = static_cast<unsigned char*>(av_malloc(kIoBufferSize));
+    AVIOContext* io = buffer ? avio_alloc_context(buffer, kIoBufferSize, 1, mFile.get(), nullptr,
+                                                  writeToFile, seekInFile)
+                             : nullptr;
+    if (!io) {
+        av_free(buffer);
+        *error = QStringLiteral("cannot allocate the output's I/O context");
+        return false;
+    }
+    mIo = makeAVIOContextPtr(io);
+    return true;
 }
 
 bool RenderWriter::encode(AVCodecContext* encoder, AVStream* stream, AVFrame* frame, QString* error)
@@ -338,19 +399,32 @@ bool RenderWriter::close(QString* error)
         *error = ffFailure(QStringLiteral("cannot finish \"%1\"").arg(mOut.outputPath), ret);
         return false;
     }
-    if (mOutput->pb) {
-        avio_closep(&mOutput->pb);
-    }
     mCreated = false;
+    if (!mIo) {
+        return true;
+    }
+    avio_flush(mIo.data());
+    if (mIo->error < 0) {
+        *error =
+            ffFailure(QStringLiteral("writing \"%1\" failed").arg(mOut.outputPath), mIo->error);
+        return false;
+    }
+    if (!mFile->commit()) {
+        *error =
+            QStringLiteral("cannot finish \"%1\": %2").arg(mOut.outputPath, mFile->errorString());
+        return false;
+    }
     return true;
 }
 
 void RenderWriter::discard()
 {
-    if (mOutput && mOutput->pb) {
-        avio_closep(&mOutput->pb);
-    }
     mOutput.reset();
+    mIo.reset();
+    if (mFile) {
+        mFile->cancelWriting();
+        mFile.reset();
+    }
     if (mCreated) {
         QFile::remove(mOut.outputPath);
         mCreated = false;

@@ -9,6 +9,9 @@
 #include <QString>
 
 #include <functional>
+#include <memory>
+
+class QSaveFile;
 
 extern "C" {
 #include <libavcodec/avcodec.h>
@@ -19,8 +22,9 @@ namespace Korvane {
 
 // The encoding and muxing end of a render: opens the encoders and the output
 // file (cover picture and container tags included), encodes what the graphs'
-// sinks give, and finishes the file. Once it has created the file, discard()
-// removes it again: a failed or stopped render leaves nothing behind.
+// sinks give, and finishes the file. The file is written beside the output
+// and moved into place by close(); discard() drops it, so a failed or
+// stopped render leaves whatever was at the output path untouched.
 class RenderWriter
 {
 public:
@@ -40,12 +44,13 @@ public:
     // True once both sinks have ended and their encoders are flushed.
     bool finished() const { return mVideoDone && mAudioDone; }
 
-    // Writes the trailer and closes the file.
+    // Writes the trailer and moves the file into place.
     bool close(QString* error);
-    // Closes and removes a file that was started.
+    // Drops a file that was started.
     void discard();
 
 private:
+    bool openOutputFile(QString* error);
     bool openVideo(AVFormatContext* format, QString* error);
     bool openAudio(AVFormatContext* format, QString* error);
     bool addCover(AVFormatContext* format, QString* error);
@@ -58,6 +63,9 @@ private:
     AVTaskOutputParam mOut;
     AVFilterContext* mVideoSink = nullptr;
     AVFilterContext* mAudioSink = nullptr;
+    // Declared before the format context, which uses them until it goes.
+    std::unique_ptr<QSaveFile> mFile;
+    QSharedPointer<AVIOContext> mIo;
     QSharedPointer<AVFormatContext> mOutput;
     QSharedPointer<AVCodecContext> mVideoEncoder;
     QSharedPointer<AVCodecContext> mAudioEncoder;

@@ -1,5 +1,6 @@
 #include "Common/ConvertSourceHelper.h"
 
+#include "Common/OutputRules.h"
 #include "Common/TimelineProject.h"
 #include "KorvaneBase/Record.h"
 #include "KorvaneDec/FFDemuxer.h"
@@ -78,6 +79,14 @@ bool speedWithin(const ConvertSource& source, double tolerance)
 bool ConvertSourceHelper::isSupportedByTranscoderFFmpeg(const ConvertSource& source,
                                                         const AVTaskOutputParam& output)
 {
+    // A name that is not plain would reach ffmpeg's arguments.
+    const QString invalidField = invalidOutputField(output);
+    if (!invalidField.isEmpty()) {
+        Record(QStringLiteral("Korvane::ConvertSourceHelper::isSupportedByTranscoderFFmpeg"),
+               __LINE__, kSourceFile, nullptr, 0)
+            << "invalid job field: " << invalidField;
+        return false;
+    }
     FFDemuxer demuxer;
     if (!demuxer.open(source.filePath)) {
         return false;

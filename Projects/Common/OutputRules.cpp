@@ -1,6 +1,7 @@
 #include "Common/OutputRules.h"
 
 #include <QHash>
+#include <QRegularExpression>
 
 #include <algorithm>
 #include <cmath>
@@ -30,6 +31,16 @@ const QHash<QString, QString>& muxerTable()
     return table;
 }
 
+QString plainNameProblem(const char* field, const QString& name)
+{
+    static const QRegularExpression plainName(
+        QRegularExpression::anchoredPattern(QStringLiteral("[a-z0-9_]*")));
+    if (plainName.match(name.toLower()).hasMatch()) {
+        return {};
+    }
+    return QStringLiteral("%1 \"%2\" is not a plain name").arg(QLatin1String(field), name);
+}
+
 } // namespace
 
 int crfQuality(const QString& videoCodecName, qint32 width, qint32 height)
@@ -45,6 +56,35 @@ int crfQuality(const QString& videoCodecName, qint32 width, qint32 height)
 QString muxerName(const QString& format)
 {
     return muxerTable().value(format.toLower());
+}
+
+QString invalidOutputField(const AVTaskOutputParam& output)
+{
+    for (const auto& [field, name] : {std::pair{"format", &output.format},
+                                      std::pair{"video.codecName", &output.video.codecName},
+                                      std::pair{"audio.codecName", &output.audio.codecName}}) {
+        const QString problem = plainNameProblem(field, *name);
+        if (!problem.isEmpty()) {
+            return problem;
+        }
+    }
+    if (!std::isfinite(output.video.frameRate)) {
+        return QStringLiteral("video.frameRate is not a number");
+    }
+    // Far beyond any encoder, and small enough that doubling it for the
+    // buffer size cannot overflow into a negative "-bufsize".
+    constexpr qint64 kMaxKbps = 100'000'000;
+    if (output.video.bitrateKbps > kMaxKbps) {
+        return QStringLiteral("video.bitrateKbps %1 is out of range").arg(output.video.bitrateKbps);
+    }
+    if (output.audio.bitrateKbps > kMaxKbps) {
+        return QStringLiteral("audio.bitrateKbps %1 is out of range").arg(output.audio.bitrateKbps);
+    }
+    if (output.outputPath.startsWith(QLatin1Char('-'))) {
+        return QStringLiteral("outputPath \"%1\" would be read as an option")
+            .arg(output.outputPath);
+    }
+    return {};
 }
 
 } // namespace Korvane

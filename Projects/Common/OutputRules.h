@@ -1,5 +1,6 @@
 #pragma once
 
+#include "Common/AVTaskOutputParam.h"
 #include "Common/CommonExport.h"
 
 #include <QString>
@@ -17,5 +18,16 @@ KORVANECOMMON_EXPORT QString muxerName(const QString& format);
 // 23 for h264 (else 28), lowered by up to 10 for output diagonals below the
 // reference (2800 above a 2000-pixel diagonal, else 2000); never below 1.
 KORVANECOMMON_EXPORT int crfQuality(const QString& videoCodecName, qint32 width, qint32 height);
+
+// Names from a job reach ffmpeg's argument list and the FFmpeg libraries, so
+// each must be a plain name: "format", "video.codecName" and
+// "audio.codecName" lower-cased match [a-z0-9_]+ (empty is allowed, and
+// every name the muxer table and the encoder choice know has that form);
+// "video.frameRate" is a finite number; the bit rates are at most
+// 100000000 kbps (twice the video rate still fits); "outputPath" does not start with
+// "-", where ffmpeg would read it as an option. Returns a sentence naming
+// the first field that breaks its rule ("audio.codecName \"aac -map 0\" is
+// not a plain name"), empty when all hold.
+KORVANECOMMON_EXPORT QString invalidOutputField(const AVTaskOutputParam& output);
 
 } // namespace Korvane

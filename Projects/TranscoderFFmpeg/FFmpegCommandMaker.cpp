@@ -6,6 +6,7 @@
 
 #include <QHash>
 #include <QLoggingCategory>
+#include <QRegularExpression>
 #include <QThread>
 
 #include <algorithm>
@@ -130,7 +131,38 @@ QSharedPointer<MediaInfoV3> probeMedia(const QString& path)
     return getMediaInfo(path, -2, true);
 }
 
+// Every element makeFFmpegCommand writes as an option and its value; %1 stands
+// for a decimal number. Extend it with each such element the builder gains.
+const char* const kPairedElements[] = {
+    "-v error",        "-init_hw_device qsv=hw,child_device_type=d3d11va",
+    "-hwaccel qsv",    "-hwaccel cuvid",
+    "-hwaccel auto",   "-c:v h264_qsv",
+    "-c:v hevc_qsv",   "-c:v h264_cuvid",
+    "-c:v hevc_cuvid", "-threads %1",
+    "-vtag hvc1",      "-bf 0",
+    "-minrate %1k",    "-maxrate %1k",
+    "-bufsize %1k",    "-vsync 1",
+    "-g 15",           "-crf %1",
+};
+
 } // namespace
+
+bool isPairedElement(const QString& element)
+{
+    static const QRegularExpression paired = [] {
+        QStringList patterns;
+        for (const char* text : kPairedElements) {
+            QStringList parts = QString::fromLatin1(text).split(QStringLiteral("%1"));
+            for (QString& part : parts) {
+                part = QRegularExpression::escape(part);
+            }
+            patterns << parts.join(QStringLiteral("[0-9]+"));
+        }
+        return QRegularExpression(
+            QRegularExpression::anchoredPattern(patterns.join(QLatin1Char('|'))));
+    }();
+    return paired.match(element).hasMatch();
+}
 
 QString makeCudaFilterCommand(const ConvertSource& source, const AVTaskOutputParam::Video& video,
                               const QSharedPointer<MediaInfoV3>& info, const MediaInfoProbe& probe)

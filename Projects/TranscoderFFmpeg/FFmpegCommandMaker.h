@@ -26,6 +26,12 @@ TRANSCODERFFMPEG_EXPORT QStringList makeFFmpegCommand(const ConvertSource& sourc
                                                       const AVTaskOutputParam& param,
                                                       const QString& progressTarget, int option);
 
+// True when `element` is one of the elements the builder itself writes as an
+// option and its value separated by a blank ("-threads 4", "-hwaccel qsv",
+// "-crf 21", ...): only those may be split into two program arguments. Every
+// other element, job values included, is exactly one argument.
+TRANSCODERFFMPEG_EXPORT bool isPairedElement(const QString& element);
+
 // Media facts of one file as getMediaInfo(path, -2, true) gives them; null
 // when the file cannot be probed.
 using MediaInfoProbe = std::function<QSharedPointer<MediaInfoV3>(const QString& path)>;

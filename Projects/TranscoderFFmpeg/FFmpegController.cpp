@@ -2,6 +2,7 @@
 
 #include "Common/AVFFmpegTask.h"
 #include "Common/ConvertSourceHelper.h"
+#include "Common/JobInputs.h"
 #include "Common/JsonForms.h"
 #include "Common/TaskSignalBus.h"
 #include "Common/TimelineProject.h"
@@ -158,6 +159,15 @@ void FFmpegController::codecConvert()
     AVTaskOutputParam outputParam;
     if (auto* task = dynamic_cast<AVFFmpegTask*>(mTask.data())) {
         outputParam = *task->outputParam();
+    }
+    // The fallback would replace the file it reads.
+    const QString overwritten = inputOverwrittenBy(source, outputParam.outputPath);
+    if (!overwritten.isEmpty()) {
+        Record("Korvane::FFmpegController::codecConvert", __LINE__, kSourceFile, this, 0)
+            << QStringLiteral("output equals input, no fallback: \"%1\" is the input \"%2\"")
+                   .arg(outputParam.outputPath, overwritten);
+        reportState(TaskState::Failed, 0);
+        return;
     }
 
     if (isConverterSourceSupportedByTranscoder(source, QString())) {

@@ -19,7 +19,8 @@ class KvFFmpegOperator;
 // once and silently to an out-of-process fallback: the host's converter when
 // it can take the job as it is, else the export engine fed with a timeline
 // project document. Every state and progress report reaches the task's bus;
-// a failed ffmpeg attempt never does.
+// a failed ffmpeg attempt never does. A job whose output is the same file as
+// one of its inputs gets no fallback: the bus sees 6 at once.
 //
 // The ffmpeg operator's reports arrive through queued connections, so they
 // are handled on the controller's thread after start() has returned. The

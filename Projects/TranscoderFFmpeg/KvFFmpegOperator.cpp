@@ -1,9 +1,12 @@
 #include "TranscoderFFmpeg/KvFFmpegOperator.h"
 
 #include "Common/AVFFmpegTask.h"
+#include "Common/JobInputs.h"
+#include "Common/OutputRules.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneBase/ProgramLocation.h"
 #include "KorvaneDec/FFDemuxer.h"
+#include "TranscoderFFmpeg/FFmpegArguments.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 #include "TranscoderFFmpeg/FFmpegProgress.h"
 
@@ -42,34 +45,6 @@ std::atomic<bool> transcodeRunning{false};
 QString joinPathParts(const QString& first, const QString& second)
 {
     return QDir::cleanPath(first + QDir::separator() + second);
-}
-
-#ifndef Q_OS_WIN
-// The builder's list as program arguments. An element wrapped in double
-// quotes is a path and passes verbatim, whatever it contains (blanks, quotes,
-// a leading dash); any other element is an option, possibly with its value
-// after a blank. Re-splitting the joined command line instead would let a
-// double quote in a file name rewrite the arguments.
-QStringList programArguments(const QStringList& arguments)
-{
-    QStringList result;
-    for (const QString& argument : arguments) {
-        if (argument.size() >= 2 && argument.startsWith(QLatin1Char('"')) &&
-            argument.endsWith(QLatin1Char('"'))) {
-            result << argument.mid(1, argument.size() - 2);
-        } else {
-            result << argument.split(QLatin1Char(' '), Qt::SkipEmptyParts);
-        }
-    }
-    return result;
-}
-#endif
-
-// True when `output` names the existing file `input` (through any links).
-bool isSameFile(const QString& input, const QString& output)
-{
-    const QString canonical = QFileInfo(output).canonicalFilePath();
-    return !canonical.isEmpty() && canonical == QFileInfo(input).canonicalFilePath();
 }
 
 } // namespace
@@ -146,12 +121,20 @@ bool KvFFmpegOperator::start()
     }
     const ConvertSource& source = *task->source();
     const AVTaskOutputParam& output = *task->outputParam();
-    // ffmpeg runs with -y: an output naming the input would truncate the
-    // user's original before a frame is read. Refused before anything exists.
-    if (isSameFile(source.filePath, output.outputPath)) {
-        Record("Korvane::KvFFmpegOperator::start", __LINE__, kSourceFile, this, 0)
-            << "output equals input, refused: " << output.outputPath;
-        return false;
+    // Job text reaches ffmpeg's arguments: a name that is not plain could
+    // smuggle in options (reading or writing any file), so the run ends here.
+    const QString invalidField = invalidOutputField(output);
+    if (!invalidField.isEmpty()) {
+        refuse(__LINE__, QStringLiteral("invalid job field: %1").arg(invalidField));
+        return true;
+    }
+    // ffmpeg runs with -y: an output that is one of the job's inputs would be
+    // truncated before a frame is read, and removed when the run then fails.
+    const QString overwritten = inputOverwrittenBy(source, output.outputPath);
+    if (!overwritten.isEmpty()) {
+        refuse(__LINE__, QStringLiteral("output equals input, refused: \"%1\" is the input \"%2\"")
+                             .arg(output.outputPath, overwritten));
+        return true;
     }
 
     FFDemuxer demuxer;
@@ -208,12 +191,17 @@ bool KvFFmpegOperator::start()
     qCDebug(lcOperator).noquote() << "execute cmd:" << commandLine;
 
     setRunning(true);
+    // Never a shell, and never a re-split of the joined line: only the
+    // builder's own paired elements become two arguments.
+    const QStringList programArguments = ffmpegProgramArguments(arguments);
 #ifdef Q_OS_WIN
-    // The whole line as the program: the builder's quoting reaches ffmpeg as written.
-    mProcess->start(commandLine, QStringList(), QIODevice::ReadWrite);
+    // ffmpeg splits its one command line itself; each argument is quoted so
+    // that the splitting gives it back whole.
+    mProcess->setProgram(ffmpegProgram());
+    mProcess->setNativeArguments(windowsArgumentLine(programArguments));
+    mProcess->start(QIODevice::ReadWrite);
 #else
-    // Never a shell, and never a re-split of the joined line.
-    mProcess->start(ffmpegProgram(), programArguments(arguments), QIODevice::ReadWrite);
+    mProcess->start(ffmpegProgram(), programArguments, QIODevice::ReadWrite);
 #endif
     if (!mProcess->waitForStarted()) {
         Record("Korvane::KvFFmpegOperator::start", __LINE__, kSourceFile, this, 0)
@@ -226,6 +214,13 @@ bool KvFFmpegOperator::start()
     setTaskState(int(TaskState::Started));
     emit ffmpegTaskStateChanged(int(TaskState::Started));
     return true;
+}
+
+void KvFFmpegOperator::refuse(int line, const QString& reason)
+{
+    Record("Korvane::KvFFmpegOperator::start", line, kSourceFile, this, 0) << reason;
+    setTaskState(int(TaskState::Failed));
+    emit ffmpegTaskStateChanged(int(TaskState::Failed));
 }
 
 void KvFFmpegOperator::pause() {}

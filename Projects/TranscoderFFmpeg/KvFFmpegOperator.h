@@ -52,7 +52,11 @@ public:
 
     // False, with no signal, when the source cannot be probed, the task is not
     // an AVFFmpegTask, no command can be built or the ffmpeg program cannot be
-    // started; true once ffmpeg runs.
+    // started; true once ffmpeg runs. A job that must not reach ffmpeg (a
+    // name field that is not plain, an output that is the same file as one of
+    // the job's inputs) is refused before anything starts: a
+    // record gives the reason, the task is set to 6 and 6 is emitted from
+    // within start(), which then returns true.
     bool start() override;
     void pause() override;
     void resume() override;
@@ -86,6 +90,8 @@ public Q_SLOTS:
     void onReadyRead_win();
 
 private:
+    // Ends the run before ffmpeg starts: records `reason`, sets and emits 6.
+    void refuse(int line, const QString& reason);
     void pollProgress();
     void setTaskState(int state);
     void releaseSelf();

@@ -11,6 +11,8 @@
 #include "ProgressDisplay.h"
 
 #include "Common/ConvertSourceHelper.h"
+#include "Common/JobInputs.h"
+#include "Common/OutputRules.h"
 #include "Common/TimelineProject.h"
 #include "KorvaneDec/FFDemuxer.h"
 #include "KorvaneGPUHardwareAcceleration/GpuDetection.h"
@@ -20,6 +22,7 @@
 #include "TranscoderFFmpeg/TranscoderFFmpeg.h"
 
 #include <QCoreApplication>
+#include <QDateTime>
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
@@ -147,9 +150,10 @@ QString usageProblem(const ConvertJob& job)
     if (job.output.outputPath.isEmpty()) {
         return QStringLiteral("the job names no output file");
     }
-    if (QFileInfo(job.output.outputPath).absoluteFilePath() ==
-        QFileInfo(input).absoluteFilePath()) {
-        return QStringLiteral("output '%1' would overwrite the input").arg(job.output.outputPath);
+    const QString overwritten = inputOverwrittenBy(job.source, job.output.outputPath);
+    if (!overwritten.isEmpty()) {
+        return QStringLiteral("output '%1' would overwrite the input '%2'")
+            .arg(job.output.outputPath, overwritten);
     }
     return {};
 }
@@ -170,6 +174,11 @@ int collectJobs(Invocation& invocation)
         if (!readJobFile(path, &job, &error)) {
             return complain(ExitUsage, error);
         }
+        // Refused in every mode: the printed command would be one no path runs.
+        if (const QString invalid = invalidOutputField(job.output); !invalid.isEmpty()) {
+            return complain(ExitUsage,
+                            QStringLiteral("invalid job file '%1': %2").arg(path, invalid));
+        }
         invocation.jobs.append(job);
     }
     if (cmd.flagJob) {
@@ -184,6 +193,9 @@ int collectJobs(Invocation& invocation)
                 complain(ExitFinished, QStringLiteral("--gpu auto: no NVIDIA or Intel GPU found, "
                                                       "converting without one"));
             }
+        }
+        if (const QString invalid = invalidOutputField(job.output); !invalid.isEmpty()) {
+            return complain(ExitUsage, QStringLiteral("invalid job: %1").arg(invalid));
         }
         invocation.jobs.append(job);
     }
@@ -236,6 +248,11 @@ int runJobs(const Invocation& invocation)
             fail(QStringLiteral("cannot create the output folder '%1'").arg(folder));
             continue;
         }
+        // A stop removes what the run left at the output path, but never a
+        // file the user had there before that the run has not touched.
+        const QFileInfo before(output);
+        const bool outputWasThere = before.exists();
+        const QDateTime outputModified = before.lastModified();
         QSharedPointer<IAVTaskOperator> op = makeOperator(job, decision);
         if (!op) {
             fail(QStringLiteral("no converter could be created"));
@@ -244,7 +261,9 @@ int runJobs(const Invocation& invocation)
         const RunOutcome outcome = runner.run(std::move(op));
         if (outcome.interrupted || interrupted) {
             interrupted = true;
-            QFile::remove(output);
+            if (!outputWasThere || QFileInfo(output).lastModified() != outputModified) {
+                QFile::remove(output);
+            }
             display.endJob(QStringLiteral("Stopped"), ExitInterrupt, outcome.elapsedMs,
                            QStringLiteral("interrupted; partial output removed"));
             exitCode = ExitInterrupt;

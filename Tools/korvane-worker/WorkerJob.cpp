@@ -2,7 +2,9 @@
 
 #include "WorkerProtocol.h"
 
+#include "Common/JobInputs.h"
 #include "Common/JsonForms.h"
+#include "Common/OutputRules.h"
 #include "Common/TimelineProject.h"
 #include "KorvaneBase/Record.h"
 #include "NLEditor/ProjectDocument.h"
@@ -110,6 +112,11 @@ bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
         return fail(error);
     }
     const AVTaskOutputParam output = outputParamFromFlatJson(jsonToVariantMap(outputText));
+    // The names go to libavformat and libavcodec as they are.
+    const QString invalidField = invalidOutputField(output);
+    if (!invalidField.isEmpty()) {
+        return fail(QStringLiteral("invalid job field: %1").arg(invalidField));
+    }
 
     QString documentText;
     if (arguments.mode == WorkerArguments::Mode::Convert) {
@@ -120,6 +127,11 @@ bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
         const ConvertSource source = convertSourceFromJson(sourceText);
         if (source.filePath.isEmpty()) {
             return fail(QStringLiteral("the job names no input file"));
+        }
+        const QString overwritten = inputOverwrittenBy(source, output.outputPath);
+        if (!overwritten.isEmpty()) {
+            return fail(QStringLiteral("the output \"%1\" is the input \"%2\", refused")
+                            .arg(output.outputPath, overwritten));
         }
         // The output's size becomes the canvas; a record without a size keeps
         // the probed picture size (a 0 would give the document's 640x480).

@@ -7,6 +7,7 @@
 #include "NLEditor/ProjectDocument.h"
 #include "NLEditor/ProjectRenderer.h"
 
+#include <QDir>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
@@ -438,12 +439,25 @@ TEST(ProjectRenderer, BadInputFailsWithItsReasonAndLeavesNoFile)
     }
 }
 
-TEST(ProjectRenderer, StopMidRenderRemovesThePartialFile)
+// The render is written beside the output and moved into place at the end:
+// a stopped render leaves the file that was at the output path as it was,
+// and nothing else behind.
+TEST(ProjectRenderer, StopMidRenderLeavesTheOutputPathAsItWas)
 {
     const QString source = clipWithSound();
     QJsonObject clip = mainClip(source, 0, 2000, 0);
     clip.insert("transform", transform(160, 120));
     const QString output = outputPath("stopped.mp4");
+    {
+        QFile existing(output);
+        ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
+        existing.write("the user's own file");
+    }
+    // Other tests write into the same folder; only names of this output count.
+    auto leftBeside = [&] {
+        return QFileInfo(output).dir().entryList({"*" + QFileInfo(output).fileName() + "*"},
+                                                 QDir::Files | QDir::Hidden);
+    };
     std::atomic<bool> stop{false};
     ProjectDocument document;
     QString error;
@@ -452,16 +466,20 @@ TEST(ProjectRenderer, StopMidRenderRemovesThePartialFile)
         &document, &error));
     ProjectRenderer renderer(document, h264Output(output));
     renderer.setStopFlag(&stop);
-    bool sawFile = false;
+    bool midway = false;
     renderer.setProgressHandler([&](double value) {
         if (value > 0.3) {
-            sawFile = sawFile || QFileInfo::exists(output);
+            midway = true;
             stop = true;
         }
     });
     EXPECT_EQ(renderer.run().status, RenderStatus::Stopped);
-    EXPECT_TRUE(sawFile);
-    EXPECT_FALSE(QFileInfo::exists(output));
+    EXPECT_TRUE(midway);
+    QFile kept(output);
+    ASSERT_TRUE(kept.open(QIODevice::ReadOnly));
+    EXPECT_EQ(kept.readAll(), "the user's own file");
+    EXPECT_EQ(leftBeside(), QStringList{QFileInfo(output).fileName()});
+    QFile::remove(output);
 }
 
 TEST(ProjectRenderer, AnaglyphSideBySideMatchesTheStereoFilter)

@@ -1,4 +1,5 @@
 #include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneBase/FileIdentity.h"
 #include "KorvaneBase/ProgramLocation.h"
 #include "LogCapture.h"
 
@@ -12,6 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <vector>
+
+#include <unistd.h>
 
 using namespace Korvane;
 
@@ -220,4 +223,43 @@ TEST(ProgramLocation, SettingThenApplicationDirectoryThenPathThenApplicationDire
     }
     KorvaneBaseEntry()->settings().remove("kLocate_Test");
     qputenv("PATH", oldPath);
+}
+
+// Identity, not spelling: every second name of one file is the same file, a
+// file that does not exist yet is only the same when its folder and name are.
+TEST(FileIdentity, SecondNamesOfOneFileAreTheSameFile)
+{
+    QTemporaryDir dir;
+    ASSERT_TRUE(dir.isValid());
+    const QString file = dir.filePath("in.mp4");
+    const QString other = dir.filePath("other.mp4");
+    for (const QString& path : {file, other}) {
+        QFile f(path);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("content");
+    }
+    ASSERT_EQ(::link(QFile::encodeName(file), QFile::encodeName(dir.filePath("hard.mp4"))), 0);
+    ASSERT_TRUE(QFile::link(file, dir.filePath("soft.mp4")));
+    ASSERT_TRUE(QDir(dir.path()).mkdir("sub"));
+    ASSERT_TRUE(QFile::link(dir.path(), dir.filePath("sub/up")));
+    const struct
+    {
+        QString output;
+        bool same;
+    } cases[] = {
+        {file, true},
+        {dir.filePath("hard.mp4"), true},
+        {dir.filePath("soft.mp4"), true},
+        {dir.filePath("sub/../in.mp4"), true},
+        {dir.filePath("sub/up/in.mp4"), true},
+        {other, false},
+        {dir.filePath("IN.mp4"), false},
+        {dir.filePath("sub/in.mp4"), false},
+        {dir.filePath("missing/in.mp4"), false},
+        {QString(), false},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(Korvane::isSameFile(file, c.output), c.same) << c.output.toStdString();
+    }
+    EXPECT_FALSE(Korvane::isSameFile(dir.filePath("gone.mp4"), dir.filePath("gone.mp4")));
 }

@@ -89,6 +89,27 @@ TEST(FFmpegSupportCheck, CodecsAndContainers)
     }
 }
 
+// A job whose names would reach ffmpeg's arguments as more than a name is
+// refused before the file is opened, and the record names the field.
+TEST(FFmpegSupportCheck, NamesThatAreNotPlainAreRefusedAndLogged)
+{
+    const QString path = h264Mp4();
+    ASSERT_FALSE(path.isEmpty());
+    const QList<std::pair<const char*, std::function<void(AVTaskOutputParam&)>>> rows{
+        {"audio.codecName", [](AVTaskOutputParam& o) { o.audio.codecName = "aac -f wav /x"; }},
+        {"video.codecName", [](AVTaskOutputParam& o) { o.video.codecName = "h264 -y"; }},
+        {"format", [](AVTaskOutputParam& o) { o.format = "mp4\n-y"; }},
+    };
+    for (const auto& [field, change] : rows) {
+        AVTaskOutputParam output = outputAs("h264", "mp4");
+        ASSERT_TRUE(ConvertSourceHelper::isSupportedByTranscoderFFmpeg(sourceFor(path), output));
+        change(output);
+        LogCapture log;
+        EXPECT_FALSE(ConvertSourceHelper::isSupportedByTranscoderFFmpeg(sourceFor(path), output));
+        EXPECT_TRUE(log.contains(QStringLiteral("invalid job field: %1 \"").arg(field)));
+    }
+}
+
 // A path without a dot has itself as its extension, which no list holds.
 TEST(FFmpegSupportCheck, PathWithoutExtension)
 {

@@ -8,6 +8,7 @@
 #include "Common/IAVTask.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneDec/FFDemuxer.h"
+#include "KvTaskIPC/KvTaskIPC.h"
 #include "LogCapture.h"
 #include "ScriptedWorkerHarness.h"
 #include "TestMedia.h"
@@ -174,9 +175,22 @@ protected:
                       const std::function<void(IAVTaskOperator&)>& during = {},
                       int timeoutMs = 120000)
     {
+        return runOperator(rawCreateNvidiaFFmpegConverter(source, mOutput), during, timeoutMs);
+    }
+
+    // The same on the worker path alone: the converter operator the
+    // controller falls back to.
+    QList<int> runWorkerJob(const ConvertSource& source,
+                            const std::function<void(IAVTaskOperator&)>& during = {})
+    {
+        return runOperator(createConverterContainRetryOp_IPC(source, mOutput), during, 120000);
+    }
+
+    QList<int> runOperator(QSharedPointer<IAVTaskOperator> op,
+                           const std::function<void(IAVTaskOperator&)>& during, int timeoutMs)
+    {
         QList<int> states;
         {
-            const auto op = rawCreateNvidiaFFmpegConverter(source, mOutput);
             BusRecorder bus(op->task());
             EXPECT_TRUE(op->start());
             if (during) {
@@ -192,6 +206,7 @@ protected:
             if (states.value(states.size() - 1) != int(TaskState::Stopped)) {
                 EXPECT_EQ(int(op->task()->state()), states.value(states.size() - 1));
             }
+            op.reset();
         }
         // Operators let go of themselves through the event loop.
         EXPECT_TRUE(QTest::qWaitFor([] { return !isHardwareTranscode(); }, 10000));
@@ -354,6 +369,42 @@ TEST_F(FaultMatrixTest, BadInputsEndInOneDefinedState)
     }
 }
 
+// A job's names reach ffmpeg's arguments and the worker's libraries; none may
+// become an option, so an unrelated file named in one stays as it was.
+TEST_F(FaultMatrixTest, JobNamesNeverBecomeOptions)
+{
+    const QString victim = writeFile(mDir.filePath("victim.txt"), "the user's own file\n");
+    ASSERT_FALSE(victim.isEmpty());
+    const QString injection = "aac -map 0:a -f wav " + victim + " -map 0 -acodec aac";
+    const QList<std::pair<const char*, std::function<void(AVTaskOutputParam&)>>> cases{
+        {"audio.codecName", [&](AVTaskOutputParam& o) { o.audio.codecName = injection; }},
+        {"video.codecName", [&](AVTaskOutputParam& o) { o.video.codecName = "h264 " + injection; }},
+    };
+    for (const auto& [field, change] : cases) {
+        SCOPED_TRACE(field);
+        ConvertSource source;
+        source.filePath = sClip;
+        mOutput.outputPath = mDir.filePath("result.mp4");
+        mOutput.audio.codecName = "aac";
+        mOutput.video.codecName = "h264";
+        change(mOutput);
+        LogCapture log;
+
+        const QList<int> states = runJob(source);
+
+        EXPECT_EQ(states.value(states.size() - 1), 6);
+        EXPECT_FALSE(states.contains(5));
+        // The operator and then the worker refuse, each before it writes.
+        EXPECT_TRUE(log.contains(QStringLiteral("invalid job field: %1 \"").arg(field)))
+            << logText(log).toStdString();
+        EXPECT_TRUE(log.contains(QStringLiteral("worker failed: invalid job field: %1").arg(field)))
+            << logText(log).toStdString();
+        EXPECT_EQ(digest(victim),
+                  QCryptographicHash::hash("the user's own file\n", QCryptographicHash::Sha256));
+        expectOutputMatches(6);
+    }
+}
+
 TEST_F(FaultMatrixTest, MissingOutputFolderIsCreated)
 {
     ConvertSource source;
@@ -383,28 +434,158 @@ TEST_F(FaultMatrixTest, OutputThatIsAFolderFailsAndTheFolderStays)
     EXPECT_TRUE(log.contains("worker failed: "));
 }
 
-TEST_F(FaultMatrixTest, OutputEqualToTheInputIsRefusedAndTheInputKept)
+// An output that is one of the job's inputs under any name is refused on
+// both paths before anything is written; the worker writes beside the output
+// and moves the result into place only when it finished, so a failed or
+// stopped worker job leaves an existing file at the output path as it was.
+TEST_F(FaultMatrixTest, NoJobDestroysAFileTheUserHas)
 {
-    const QString input = mDir.filePath("precious.mp4");
-    ASSERT_TRUE(QFile::copy(sClip, input));
-    const QByteArray before = digest(input);
-    // The same file under another spelling and through a link.
-    ASSERT_TRUE(QFile::link(input, mDir.filePath("link.mp4")));
-    for (const QString& output :
-         {input, mDir.path() + "/./precious.mp4", mDir.filePath("link.mp4")}) {
-        SCOPED_TRACE(output.toStdString());
-        ConvertSource source;
-        source.filePath = input;
-        mOutput.outputPath = output;
-        LogCapture log;
+    struct Case
+    {
+        const char* name;
+        // Sets up the job in `dir`; returns the file that must stay as it is.
+        std::function<QString(const QString& dir, ConvertSource&, AVTaskOutputParam&)> make;
+        // Empty: refused on both paths. Otherwise the worker job runs (and
+        // fails or is stopped by `during`) and the ffmpeg path is not tried.
+        QString source;
+        std::function<void(IAVTaskOperator&)> during;
+    };
+    const QString clip = sClip;
+    const QString still = sStill;
+    const QString audio = sAudioOnly;
+    auto input = [clip](const QString& dir, ConvertSource& s) {
+        s.filePath = copyOf(clip, dir + "/in.mp4");
+        return s.filePath;
+    };
+    auto stopOnProgress = [](IAVTaskOperator& op) {
+        BusRecorder progress(op.task());
+        EXPECT_TRUE(QTest::qWaitFor([&] { return !progress.progress().isEmpty(); }, 60000));
+        op.stop();
+    };
+    const QList<Case> cases{
+        {"hard link",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             o.outputPath = d + "/same.mp4";
+             const QString kept = input(d, s);
+             return ::link(QFile::encodeName(kept), QFile::encodeName(o.outputPath)) == 0
+                        ? kept
+                        : QString();
+         },
+         {},
+         {}},
+        {"symbolic link",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             o.outputPath = d + "/link.mp4";
+             const QString kept = input(d, s);
+             return QFile::link(kept, o.outputPath) ? kept : QString();
+         },
+         {},
+         {}},
+        {"dir/../name",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             QDir(d).mkdir("sub");
+             o.outputPath = d + "/sub/../in.mp4";
+             return input(d, s);
+         },
+         {},
+         {}},
+        {"folder through a symbolic link",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             const QString kept = input(d, s);
+             o.outputPath = d + "/alias/in.mp4";
+             return QFile::link(d, d + "/alias") ? kept : QString();
+         },
+         {},
+         {}},
+        {"watermark",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             input(d, s);
+             WaterMarkParam mark;
+             mark.filePath = copyOf(still, d + "/mark.png");
+             s.waterMark = {mark};
+             o.outputPath = d + "/./mark.png";
+             return mark.filePath;
+         },
+         {},
+         {}},
+        {"cover",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             input(d, s);
+             s.coverPath = copyOf(still, d + "/cover.png");
+             o.outputPath = s.coverPath;
+             return s.coverPath;
+         },
+         {},
+         {}},
+        {"attached audio",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             input(d, s);
+             s.attachedAudio = {{0, copyOf(audio, d + "/sound.m4a")}};
+             o.outputPath = s.attachedAudio.first().filePath;
+             return o.outputPath;
+         },
+         {},
+         {}},
+        {"attached subtitle",
+         [=](const QString& d, ConvertSource& s, AVTaskOutputParam& o) {
+             input(d, s);
+             const QString subtitle =
+                 writeFile(d + "/subs.srt", "1\n00:00:00,000 --> 00:00:01,000\nHello\n");
+             s.attachedSubtitle = {{0, "subs", subtitle}};
+             s.speed = 1.5f;
+             o.outputPath = subtitle;
+             return subtitle;
+         },
+         {},
+         {}},
+        {"unrelated file at the output, failed worker job",
+         [=](const QString& d, ConvertSource&, AVTaskOutputParam& o) {
+             o.outputPath = writeFile(d + "/mine.mp4", "the user's own file");
+             return o.outputPath;
+         },
+         sNoFrames,
+         {}},
+        {"unrelated file at the output, stopped worker job",
+         [=](const QString& d, ConvertSource&, AVTaskOutputParam& o) {
+             o.outputPath = writeFile(d + "/mine.mp4", "the user's own file");
+             return o.outputPath;
+         },
+         sLongClip, stopOnProgress},
+    };
+    for (const Case& c : cases) {
+        for (const bool ffmpegPath : {true, false}) {
+            if (ffmpegPath && !c.source.isEmpty()) {
+                continue;
+            }
+            SCOPED_TRACE(std::string(c.name) + (ffmpegPath ? " (ffmpeg path)" : " (worker)"));
+            QTemporaryDir dir;
+            ConvertSource source;
+            source.filePath = c.source;
+            const QString kept = c.make(dir.path(), source, mOutput);
+            ASSERT_FALSE(kept.isEmpty());
+            const QByteArray before = digest(kept);
+            LogCapture log;
 
-        const QList<int> states = runJob(source);
+            const QList<int> states = ffmpegPath ? runJob(source) : runWorkerJob(source, c.during);
 
-        // The worker refuses too, after its start report.
-        EXPECT_EQ(states, (QList<int>{1, 6}));
-        EXPECT_EQ(digest(input), before);
-        EXPECT_TRUE(log.contains("output equals input, refused: "));
-        EXPECT_TRUE(log.contains("is one of the inputs, refused"));
+            EXPECT_EQ(digest(kept), before) << "the file was changed";
+            EXPECT_FALSE(states.contains(5));
+            if (!c.source.isEmpty()) {
+                EXPECT_TRUE(states.contains(c.during ? 4 : 6));
+                EXPECT_EQ(QDir(dir.path()).entryList(QDir::Files | QDir::Hidden).size(), 1)
+                    << "a temporary file was left";
+            } else if (ffmpegPath) {
+                // The operator refuses, and so does the controller instead of
+                // starting the fallback.
+                EXPECT_EQ(states, QList<int>{6});
+                EXPECT_TRUE(log.contains("output equals input, refused: \"" + mOutput.outputPath +
+                                         "\" is the input \""));
+                EXPECT_TRUE(log.contains("output equals input, no fallback: "));
+            } else {
+                EXPECT_EQ(states.value(states.size() - 1), 6);
+                EXPECT_TRUE(log.contains("\" is the input \"")) << logText(log).toStdString();
+            }
+        }
     }
 }
 

@@ -22,6 +22,7 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 
 using namespace Korvane;
@@ -398,6 +399,54 @@ TEST_F(KvFFmpegOperatorTest, StartFailuresEmitNothing)
         if (c.logged) {
             EXPECT_TRUE(log.contains(c.logged));
         }
+    }
+}
+
+// Refused jobs end in 6 from within start(), before ffmpeg runs, with the
+// reason in the log; nothing is written.
+TEST_F(KvFFmpegOperatorTest, RefusedJobsEndInSixBeforeFFmpegStarts)
+{
+    struct Case
+    {
+        const char* name;
+        std::function<void(ConvertSource&, AVTaskOutputParam&)> change;
+        const char* logged;
+    };
+    const QString injection = "aac -map 0:a -f wav " + mDir->filePath("victim.txt");
+    const QList<Case> cases{
+        {"audio codec",
+         [&](ConvertSource&, AVTaskOutputParam& o) { o.audio.codecName = injection; },
+         "invalid job field: audio.codecName \""},
+        {"video codec",
+         [&](ConvertSource&, AVTaskOutputParam& o) { o.video.codecName = "h264 -attach x"; },
+         "invalid job field: video.codecName \""},
+        {"format", [&](ConvertSource&, AVTaskOutputParam& o) { o.format = "wav\t-y"; },
+         "invalid job field: format \""},
+        {"output is the watermark",
+         [&](ConvertSource& s, AVTaskOutputParam& o) {
+             WaterMarkParam mark;
+             mark.filePath = o.outputPath = mDir->filePath("mark.png");
+             QFile picture(mark.filePath);
+             ASSERT_TRUE(picture.open(QIODevice::WriteOnly));
+             s.waterMark = {mark};
+         },
+         "output equals input, refused: \""},
+    };
+    useFFmpeg(fakeFFmpeg("success"));
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        LogCapture log;
+        ConvertSource source = mSource;
+        AVTaskOutputParam output = mOutput;
+        c.change(source, output);
+        OperatorRun run(source, output);
+        EXPECT_TRUE(run.op->start());
+        EXPECT_EQ(intsOf(*run.states), QList<int>{6});
+        EXPECT_EQ(int(run.task->state()), 6);
+        EXPECT_FALSE(isHardwareTranscode());
+        EXPECT_TRUE(log.contains(c.logged));
+        EXPECT_FALSE(QFileInfo::exists(output.outputPath + ".args"));
+        EXPECT_EQ(QFileInfo(output.outputPath).size(), 0);
     }
 }
 

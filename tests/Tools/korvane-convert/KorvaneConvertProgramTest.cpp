@@ -14,6 +14,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -25,6 +26,8 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
+#include <functional>
+#include <unistd.h>
 
 using namespace Korvane;
 
@@ -228,6 +231,12 @@ TEST_F(KorvaneConvert, BadInputsGiveOneLineAndTheRightExitCode)
     someOutput.outputPath = mDir.filePath("o.mp4");
     const QString missingInputJob =
         writeJob(mDir.filePath("missing-input.json"), missingSource, someOutput);
+    // One file under a second name, and a picture the job reads.
+    const QString mine = mDir.filePath("mine.mp4");
+    ASSERT_TRUE(QFile::copy(mClip, mine));
+    ASSERT_EQ(::link(QFile::encodeName(mine), QFile::encodeName(mDir.filePath("same.mp4"))), 0);
+    const QString mark = mDir.filePath("mark.png");
+    ASSERT_TRUE(QFile::copy(watermark(), mark));
     struct Case
     {
         QStringList arguments;
@@ -245,6 +254,11 @@ TEST_F(KorvaneConvert, BadInputsGiveOneLineAndTheRightExitCode)
         {{mClip, mDir.filePath("o.mp4"), "--rotate", "45"}, 2, "--rotate"},
         {{mClip, mDir.filePath("o.mp4"), "--frobnicate"}, 2, "unknown option --frobnicate"},
         {{mClip, mClip}, 2, "would overwrite the input"},
+        {{mDir.filePath("same.mp4"), mine}, 2, "would overwrite the input"},
+        {{mine, mark, "--format", "mp4", "--watermark", mark},
+         2,
+         "would overwrite the input '" + mark + "'"},
+        {{mine, mark, "--format", "mp4", "--cover", mark}, 2, "would overwrite the input"},
         {{"--probe", mDir.filePath("gone.mp4")}, 2, "does not exist"},
         {{"--probe", notMedia}, 1, "not a media file"},
         {{notMedia, mDir.filePath("o.mp4"), "--quiet"}, 1, "not a media file"},
@@ -258,6 +272,58 @@ TEST_F(KorvaneConvert, BadInputsGiveOneLineAndTheRightExitCode)
         EXPECT_TRUE(r.out.isEmpty()) << label;
     }
     EXPECT_FALSE(QFile::exists(mDir.filePath("o.mp4")));
+    EXPECT_EQ(QFileInfo(mine).size(), QFileInfo(mClip).size());
+    EXPECT_EQ(QFileInfo(mark).size(), QFileInfo(watermark()).size());
+}
+
+TEST_F(KorvaneConvert, JobNamesThatWouldBecomeOptionsAreRefusedInEveryMode)
+{
+    const QString victim = mDir.filePath("x/victim.txt");
+    ASSERT_TRUE(QDir().mkpath(mDir.filePath("x")));
+    {
+        QFile f(victim);
+        ASSERT_TRUE(f.open(QIODevice::WriteOnly));
+        f.write("the user's own file\n");
+    }
+    const QString injection = "aac -map 0:a -f wav " + victim + " -map 0 -acodec aac";
+    struct Case
+    {
+        const char* field;
+        std::function<void(AVTaskOutputParam&)> change;
+    };
+    const QList<Case> cases{
+        {"audio.codecName", [&](AVTaskOutputParam& o) { o.audio.codecName = injection; }},
+        {"video.codecName", [&](AVTaskOutputParam& o) { o.video.codecName = "h264 " + injection; }},
+        {"format", [&](AVTaskOutputParam& o) { o.format = "mp4 -f wav " + victim; }},
+    };
+    for (const Case& c : cases) {
+        ConvertSource source;
+        source.filePath = mClip;
+        AVTaskOutputParam output;
+        output.outputPath = mDir.filePath("out.mp4");
+        output.format = "mp4";
+        output.video.codecName = "h264";
+        output.audio.codecName = "aac";
+        c.change(output);
+        const QString job = writeJob(mDir.filePath("inj.json"), source, output);
+        for (const QStringList& mode :
+             {QStringList{"--print-command"}, QStringList{"--path", "ffmpeg"},
+              QStringList{"--path", "converter"}, QStringList{"--check"}}) {
+            const Result r = convert(QStringList{"--job", job} + mode);
+            const std::string label = c.field + (" " + mode.join(' ')).toStdString();
+            EXPECT_EQ(r.exitCode, 2) << label;
+            ASSERT_EQ(r.errLines().size(), 1) << label << "\n" << r.err.toStdString();
+            EXPECT_TRUE(r.errLines()[0].contains(QString(c.field) + " \"")) << r.err.toStdString();
+            EXPECT_TRUE(r.out.isEmpty()) << label;
+        }
+    }
+    QFile f(victim);
+    ASSERT_TRUE(f.open(QIODevice::ReadOnly));
+    EXPECT_EQ(f.readAll(), "the user's own file\n");
+    EXPECT_FALSE(QFile::exists(mDir.filePath("out.mp4")));
+    const Result flags = convert({mClip, mDir.filePath("out.mp4"), "--format", "mp4 -y"});
+    EXPECT_EQ(flags.exitCode, 2);
+    EXPECT_TRUE(flags.err.contains("format \"mp4 -y\"")) << flags.err.toStdString();
 }
 
 TEST_F(KorvaneConvert, PrintModesMatchTheLibrariesCalledDirectly)
