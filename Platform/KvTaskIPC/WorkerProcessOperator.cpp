@@ -26,6 +26,13 @@ namespace Korvane {
 
 namespace {
 
+// When the file at `path` last changed; invalid when no plain file is there.
+QDateTime outputStamp(const QString& path)
+{
+    const QFileInfo info(path);
+    return info.isFile() ? info.fileTime(QFileDevice::FileModificationTime) : QDateTime();
+}
+
 // Splits the complete lines off the front of `buffer`; the unfinished rest
 // stays there. Carriage returns of Windows line ends are dropped.
 QList<QByteArray> takeLines(QByteArray& buffer)
@@ -103,6 +110,7 @@ bool WorkerProcessOperator::start()
     mStartedReported = false;
     mRestartsLeft = mRestarts;
     mProgram = workerPath();
+    mOutputStampBefore = outputStamp(mTask->outputPath());
 
     const QFileInfo program(mProgram);
     if (!program.isFile() || !program.isExecutable()) {
@@ -385,9 +393,10 @@ void WorkerProcessOperator::concludeRun()
     if (mFinalState == 0) {
         // A worker that died without a word (killed, crashed) had no chance
         // to remove what it had written; half a file must not pass for a
-        // result.
+        // result. A file the user had there before the run stays.
         const QString output = mTask->outputPath();
-        if (QFileInfo(output).isFile() && QFile::remove(output)) {
+        const QDateTime stamp = outputStamp(output);
+        if (stamp.isValid() && stamp != mOutputStampBefore && QFile::remove(output)) {
             KV_RECORD("concludeRun") << "removed the partial output " << output;
         }
     }

@@ -6,6 +6,7 @@
 #include "KvTaskIPC/KvTaskIPCExport.h"
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QList>
 #include <QProcess>
 #include <QSharedPointer>
@@ -130,6 +131,9 @@ private:
     int mRestartsLeft = 0;
     int mRuns = 0;
     int mFinalState = 0; // reported by the worker in this process; 0 for none
+    // The output path as start() found it: a dead worker's leftovers are
+    // removed only when they are not the file the user already had there.
+    QDateTime mOutputStampBefore;
     bool mActive = false;
     bool mStopRequested = false;
     bool mStartedReported = false;

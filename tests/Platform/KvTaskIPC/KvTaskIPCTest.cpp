@@ -11,6 +11,7 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QDir>
+#include <QFile>
 #include <QFileInfo>
 #include <QPointer>
 #include <QTemporaryDir>
@@ -165,10 +166,19 @@ TEST(ConverterOperator, RetriesOnceAfterAWorkerEndsWithoutAResult)
         {"crash", {1, 6}, {0.3, 0.3}, 2},
         {"quit", {1, 6}, {}, 2},
     };
+    // A file the user already has at the output path outlives workers that
+    // die without a result: they never wrote it.
+    QTemporaryDir dir;
+    AVTaskOutputParam output = jobOutput();
+    output.outputPath = dir.filePath("out.mp4");
     for (const Row& row : rows) {
         SCOPED_TRACE(row.behaviour);
+        QFile existing(output.outputPath);
+        ASSERT_TRUE(existing.open(QIODevice::WriteOnly));
+        existing.write("the user's file");
+        existing.close();
         ScriptedWorker worker(row.behaviour);
-        const auto op = createConverterContainRetryOp_IPC(jobSource(), jobOutput());
+        const auto op = createConverterContainRetryOp_IPC(jobSource(), output);
         BusRecorder bus(op->task());
         ASSERT_TRUE(op->start());
         ASSERT_TRUE(bus.waitForFinalState());
@@ -185,6 +195,9 @@ TEST(ConverterOperator, RetriesOnceAfterAWorkerEndsWithoutAResult)
         if (row.states.last() == 6) {
             EXPECT_FALSE(op->errorString().isEmpty());
         }
+        ASSERT_TRUE(existing.open(QIODevice::ReadOnly));
+        EXPECT_EQ(existing.readAll(), "the user's file");
+        existing.close();
     }
 }
 

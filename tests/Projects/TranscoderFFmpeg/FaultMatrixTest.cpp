@@ -20,6 +20,7 @@
 #include <QFileInfo>
 #include <QProcess>
 #include <QRandomGenerator>
+#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -706,14 +707,23 @@ TEST_F(FaultMatrixTest, WorkerKilledTwiceFailsTheJob)
     mOutput.video.height = 480;
     LogCapture log;
     QList<pid_t> killed;
+    const QFileInfo output(mOutput.outputPath);
+    // The fake ffmpeg leaves its argument record beside the output.
+    const auto namedAfterOutput = [&] {
+        QStringList names = QDir(output.path()).entryList({output.fileName() + "*"}, QDir::Files);
+        names.removeAll(output.fileName() + ".args");
+        return names;
+    };
 
-    const QString output = mOutput.outputPath;
-    const QList<int> states = runJob(source, [&](IAVTaskOperator&) {
-        // Each worker is killed once it has begun to write, so that half a
-        // file exists. (The failed ffmpeg run's output is gone before the
-        // first worker starts.)
-        const auto writing = [&] { return QFileInfo(output).size() > 0; };
+    const QList<int> states = runJob(source, [&](IAVTaskOperator& op) {
+        // Each worker is killed once it reports progress, that is while it
+        // writes: its unfinished file must not show up at the output path.
+        QSignalSpy progress(op.task()->signalBus().data(),
+                            SIGNAL(taskProgress(Korvane::TaskProgressType, double)));
+        qsizetype seen = 0;
+        const auto writing = [&] { return progress.count() > seen; };
         ASSERT_TRUE(killChild("korvane-worker", &killed, writing));
+        seen = progress.count();
         ASSERT_TRUE(killChild("korvane-worker", &killed, writing));
     });
 
@@ -721,8 +731,9 @@ TEST_F(FaultMatrixTest, WorkerKilledTwiceFailsTheJob)
     EXPECT_EQ(states.count(6), 1);
     EXPECT_EQ(killed.size(), 2);
     expectOutputMatches(6);
+    // Nor does a temporary file of the killed writers stay beside it.
+    EXPECT_EQ(namedAfterOutput(), QStringList());
     EXPECT_EQ(log.count("the worker crashed without reporting a result"), 2);
-    EXPECT_TRUE(log.contains("removed the partial output "));
 }
 
 } // namespace
