@@ -46,6 +46,7 @@ struct DecodedFrame
     bool isVideo = false;
     QSharedPointer<AVFrame> frame;
     double seconds = 0.0; // pts in seconds from the start of the file
+    qint64 duration = 0;  // in the stream's time base: samples, or one frame period
 };
 
 // A media file opened for playing one video stream and/or one audio stream.
@@ -76,6 +77,11 @@ public:
     const AudioStreamFacts& audio() const { return mAudio; }
     // Container duration in milliseconds, 0 when unknown.
     qint64 durationMs() const;
+    // The shortest length the file announces, in milliseconds: its container
+    // duration or that of any of its audio or video streams; 0 when it
+    // announces none. Headers can be wrong either way: a range that reaches
+    // this far is taken to mean "to the end of the file".
+    qint64 announcedEndMs() const;
     // The attached picture (cover) of the file, decoded; null when it has none.
     QSharedPointer<AVFrame> attachedPicture(QString* error) const;
 
@@ -83,6 +89,7 @@ public:
     bool seek(qint64 ms, QString* error);
     // The next decoded frame of the chosen streams. Returns false at the end
     // of the file (`error` empty) or on a read/decode failure (`error` set).
+    // A frame without any timestamp gets the end of the one before it.
     bool next(DecodedFrame* out, QString* error);
 
 private:
@@ -97,6 +104,10 @@ private:
     VideoStreamFacts mVideo;
     AudioStreamFacts mAudio;
     qint64 mStartUs = 0;
+    // Where the next frame of each kind would start (stream time base, from
+    // the start of the file): the time of a frame that has none.
+    qint64 mNextVideoPts = 0;
+    qint64 mNextAudioPts = 0;
     bool mDraining = false;
     bool mVideoDrained = false;
     bool mAudioDrained = false;

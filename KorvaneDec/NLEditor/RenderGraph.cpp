@@ -60,6 +60,17 @@ void appendRotation(QStringList* chain, int degrees, QSize* size, const QString&
     }
 }
 
+// The clip's range of its file. A range to the file's end has no end here:
+// the file ends it, however long its header says it is.
+QString rangeTrim(const QString& filter, const MediaClip& clip)
+{
+    QString text = QStringLiteral("%1=start=%2").arg(filter, seconds(clip.rangeBeginMs));
+    if (!clip.toFileEnd) {
+        text += QStringLiteral(":end=%1").arg(seconds(clip.rangeBeginMs + clip.rangeLengthMs));
+    }
+    return text;
+}
+
 } // namespace
 
 QSize fitInto(double aspect, const QSize& box)
@@ -82,10 +93,9 @@ QString mainClipVideoChain(const MediaClip& clip, const SourcePicture& picture, 
         chain.append(deinterlaceFilterText());
     }
     if (!picture.still) {
-        chain.append(
-            QStringLiteral("trim=start=%1:end=%2")
-                .arg(seconds(clip.rangeBeginMs), seconds(clip.rangeBeginMs + clip.rangeLengthMs)));
-        chain.append(QStringLiteral("setpts=(PTS-STARTPTS)/%1").arg(num(clip.speed)));
+        chain.append(rangeTrim(QStringLiteral("trim"), clip));
+        chain.append(QStringLiteral("setpts=(PTS-%1/TB)/%2")
+                         .arg(seconds(clip.rangeBeginMs), num(clip.speed)));
     }
 
     // The file's own display rotation first: the document's crop and
@@ -229,10 +239,8 @@ QStringList tempoFilters(double speed)
 QString clipAudioChain(const MediaClip& clip, bool place)
 {
     QStringList chain;
-    chain.append(
-        QStringLiteral("atrim=start=%1:end=%2")
-            .arg(seconds(clip.rangeBeginMs), seconds(clip.rangeBeginMs + clip.rangeLengthMs)));
-    chain.append(QStringLiteral("asetpts=PTS-STARTPTS"));
+    chain.append(rangeTrim(QStringLiteral("atrim"), clip));
+    chain.append(QStringLiteral("asetpts=PTS-%1/TB").arg(seconds(clip.rangeBeginMs)));
     chain.append(tempoFilters(clip.speed));
     for (const AudioFilterEntry& entry : clip.audioFilters) {
         const auto filter = makeAudioFilter(entry.name, entry.value);
@@ -268,7 +276,10 @@ QString buildVideoGraph(const VideoGraphRequest& request)
         joined += QStringLiteral("null,");
     }
     QString current = QStringLiteral("base0");
-    parts.append(joined + QStringLiteral("fps=%1[%2]").arg(num(request.fps), current));
+    // Clips are placed against their range's start, not their first frame:
+    // a picture that starts late (an edit list's shift) shows its first
+    // frame from 0, as players do.
+    parts.append(joined + QStringLiteral("fps=%1:start_time=0[%2]").arg(num(request.fps), current));
 
     for (int j = 0; j < request.images.size(); ++j) {
         const ImageClip& image = request.images[j];
@@ -362,9 +373,17 @@ QString buildAudioGraph(const AudioGraphRequest& request)
     } else {
         tail += QStringLiteral("anull,");
     }
-    tail += QStringLiteral("apad=whole_dur=%1,atrim=end=%1,"
-                           "aformat=sample_fmts=%2:sample_rates=%3:channel_layouts=%4[aout]")
-                .arg(seconds(request.durationMs), request.sampleFormat)
+    // A timeline whose length rests on a file's header is not padded to it:
+    // the writer ends the sound with the picture instead.
+    bool knownLength = true;
+    for (const MediaClip& clip : request.mainClips + request.audioClips) {
+        knownLength = knownLength && !clip.toFileEnd;
+    }
+    if (knownLength) {
+        tail += QStringLiteral("apad=whole_dur=%1,atrim=end=%1,").arg(seconds(request.durationMs));
+    }
+    tail += QStringLiteral("aformat=sample_fmts=%1:sample_rates=%2:channel_layouts=%3[aout]")
+                .arg(request.sampleFormat)
                 .arg(request.sampleRate)
                 .arg(request.channelLayout);
     parts.append(tail);

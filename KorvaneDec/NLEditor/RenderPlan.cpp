@@ -109,6 +109,18 @@ bool planCoverPicture(const ProjectDocument& doc, MediaSource* source, MainClipP
     return true;
 }
 
+// How near a range's end must come to the length a file announces to be
+// read as "to the end of the file": the builder writes the probed length,
+// rounded to milliseconds, and streams may differ from it by a frame.
+constexpr qint64 kFileEndToleranceMs = 100;
+
+bool reachesFileEnd(const MediaClip& clip, const MediaSource& source)
+{
+    const qint64 announced = source.announcedEndMs();
+    return announced <= 0 ||
+           clip.rangeBeginMs + clip.rangeLengthMs >= announced - kFileEndToleranceMs;
+}
+
 bool planMainClips(const ProjectDocument& doc, RenderPlan* plan, QString* error)
 {
     for (const MediaClip& clip : doc.mainClips) {
@@ -125,6 +137,7 @@ bool planMainClips(const ProjectDocument& doc, RenderPlan* plan, QString* error)
         if (!source) {
             return false;
         }
+        main.clip.toFileEnd = reachesFileEnd(clip, *source);
         if (plan->wantVideo && cover) {
             if (!planCoverPicture(doc, source.get(), &main, error)) {
                 return false;
@@ -175,7 +188,9 @@ bool planAudioClips(const ProjectDocument& doc, RenderPlan* plan, QString* error
             *error = QStringLiteral("no decodable audio stream in \"%1\"").arg(clip.filePath);
             return false;
         }
-        plan->extras.append({clip, source->audio()});
+        AudioClipPlan extra{clip, source->audio()};
+        extra.clip.toFileEnd = reachesFileEnd(clip, *source);
+        plan->extras.append(extra);
     }
     bool anySound = !plan->extras.isEmpty();
     for (const MainClipPlan& main : std::as_const(plan->mains)) {
@@ -320,17 +335,6 @@ bool chooseEncoders(const ProjectDocument& doc, const AVTaskOutputParam& out,
 RenderPlan::~RenderPlan()
 {
     av_channel_layout_uninit(&channelLayout);
-}
-
-AVChannelLayout announcedLayout(const AudioStreamFacts& facts)
-{
-    AVChannelLayout layout{};
-    if (facts.channelMask != 0) {
-        av_channel_layout_from_mask(&layout, facts.channelMask);
-    } else {
-        av_channel_layout_default(&layout, qMax(1, facts.channels));
-    }
-    return layout;
 }
 
 void logRenderNoteOnce(const QString& text)

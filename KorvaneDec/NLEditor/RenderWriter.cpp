@@ -8,6 +8,7 @@
 #include <QLoggingCategory>
 
 #include <cstring>
+#include <limits>
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -39,6 +40,10 @@ bool RenderWriter::openVideo(AVFormatContext* format, QString* error)
     enc->sample_aspect_ratio = AVRational{1, 1};
     enc->time_base = av_buffersink_get_time_base(mVideoSink);
     enc->framerate = av_buffersink_get_frame_rate(mVideoSink);
+    if (enc->framerate.num > 0 && enc->framerate.den > 0) {
+        mVideoFrameTicks =
+            qMax<int64_t>(1, av_rescale_q(1, av_inv_q(enc->framerate), enc->time_base));
+    }
     enc->gop_size = 15;
     if (mOut.video.bitrateKbps >= 1) {
         enc->bit_rate = mOut.video.bitrateKbps * 1000;
@@ -111,7 +116,13 @@ bool RenderWriter::openAudio(AVFormatContext* format, QString* error)
     }
     if (!(mPlan.audioCodec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) &&
         enc->frame_size > 0) {
-        av_buffersink_set_frame_size(mAudioSink, enc->frame_size);
+        mAudioChunk = enc->frame_size;
+    }
+    mAudioFifo = makeAVAudioFifoPtr(enc->sample_fmt, enc->ch_layout.nb_channels,
+                                    qMax(mAudioChunk, enc->sample_rate / 10));
+    if (!mAudioFifo) {
+        *error = QStringLiteral("out of memory for the sound queue");
+        return false;
     }
     mAudioStream = avformat_new_stream(format, nullptr);
     if (!mAudioStream) {
@@ -278,50 +289,165 @@ bool RenderWriter::drainVideo(const std::function<void(double)>& progress, QStri
             return false;
         }
         frame->pict_type = AV_PICTURE_TYPE_NONE;
-        const double ms = frame->pts * av_q2d(mVideoEncoder->time_base) * 1000.0;
+        const int64_t pts = frame->pts;
+        const double ms = pts * av_q2d(mVideoEncoder->time_base) * 1000.0;
         const bool ok = encode(mVideoEncoder.data(), mVideoStream, frame, error);
         av_frame_unref(frame);
         if (!ok) {
             return false;
         }
-        mWrittenMs = qMax(mWrittenMs, ms);
-        if (progress) {
-            progress(qBound(0.0, mWrittenMs / mPlan.durationMs, 1.0));
-        }
+        mVideoEnd = qMax(mVideoEnd, pts + mVideoFrameTicks);
+        reportProgress(ms, progress);
     }
     return true;
 }
 
-bool RenderWriter::drainAudio(const std::function<void(double)>& progress, QString* error)
+void RenderWriter::reportProgress(double ms, const std::function<void(double)>& progress)
+{
+    mWrittenMs = qMax(mWrittenMs, ms);
+    if (progress) {
+        progress(qBound(0.0, mWrittenMs / mPlan.durationMs, 1.0));
+    }
+}
+
+int64_t RenderWriter::audioLimit() const
+{
+    if (!mPlan.wantVideo) {
+        return std::numeric_limits<int64_t>::max();
+    }
+    return av_rescale_q(mVideoEnd, mVideoEncoder->time_base, mAudioEncoder->time_base);
+}
+
+int64_t RenderWriter::audioHeld() const
+{
+    return mAudioWritten + av_audio_fifo_size(mAudioFifo.data());
+}
+
+bool RenderWriter::pullAudio(QString* error)
 {
     AVFrame* frame = mFrame.data();
-    while (!mAudioDone) {
+    // Sound past what the picture allows stays in the graph for now.
+    while (!mAudioSinkEnded &&
+           (!mPlan.wantVideo || audioHeld() < audioLimit() + qMax(mAudioChunk, 1))) {
         const int ret = av_buffersink_get_frame(mAudioSink, frame);
         if (ret == AVERROR(EAGAIN)) {
             return true;
         }
         if (ret == AVERROR_EOF) {
-            mAudioDone = true;
-            return encode(mAudioEncoder.data(), mAudioStream, nullptr, error);
+            mAudioSinkEnded = true;
+            return true;
         }
         if (ret < 0) {
             *error = ffFailure(QStringLiteral("sound filtering failed"), ret);
             return false;
         }
-        const AVRational sinkBase = av_buffersink_get_time_base(mAudioSink);
-        frame->pts = av_rescale_q(frame->pts, sinkBase, mAudioEncoder->time_base);
-        const double ms = frame->pts * av_q2d(mAudioEncoder->time_base) * 1000.0;
-        const bool ok = encode(mAudioEncoder.data(), mAudioStream, frame, error);
+        const int written = av_audio_fifo_write(
+            mAudioFifo.data(), reinterpret_cast<void**>(frame->extended_data), frame->nb_samples);
         av_frame_unref(frame);
-        if (!ok) {
+        if (written < 0) {
+            *error = ffFailure(QStringLiteral("cannot queue the sound"), written);
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RenderWriter::writeAudio(int64_t end, bool last, const std::function<void(double)>& progress,
+                              QString* error)
+{
+    AVCodecContext* enc = mAudioEncoder.data();
+    for (;;) {
+        int64_t take = qMin<int64_t>(av_audio_fifo_size(mAudioFifo.data()), end - mAudioWritten);
+        if (mAudioChunk > 0) {
+            take = qMin<int64_t>(take, mAudioChunk);
+        }
+        if (take <= 0 || (mAudioChunk > 0 && take < mAudioChunk && !last)) {
+            return true;
+        }
+        // An encoder of fixed frames takes a short one only at the very end,
+        // and only when it says so; else the frame is filled with silence.
+        const bool shortFrameOk =
+            mAudioChunk == 0 || (enc->codec->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME);
+        auto frame = makeAVFramePtr();
+        frame->nb_samples = shortFrameOk ? static_cast<int>(take) : mAudioChunk;
+        frame->format = enc->sample_fmt;
+        frame->sample_rate = enc->sample_rate;
+        int ret = av_channel_layout_copy(&frame->ch_layout, &enc->ch_layout);
+        if (ret >= 0) {
+            ret = av_frame_get_buffer(frame.data(), 0);
+        }
+        if (ret >= 0) {
+            ret = av_samples_set_silence(frame->extended_data, 0, frame->nb_samples,
+                                         enc->ch_layout.nb_channels, enc->sample_fmt);
+        }
+        if (ret >= 0) {
+            ret = av_audio_fifo_read(mAudioFifo.data(),
+                                     reinterpret_cast<void**>(frame->extended_data),
+                                     static_cast<int>(take));
+        }
+        if (ret < 0) {
+            *error = ffFailure(QStringLiteral("cannot take the sound from its queue"), ret);
+            return false;
+        }
+        frame->pts = mAudioWritten;
+        mAudioWritten += frame->nb_samples;
+        if (!encode(enc, mAudioStream, frame.data(), error)) {
             return false;
         }
         if (!mPlan.wantVideo) {
-            mWrittenMs = qMax(mWrittenMs, ms);
-            if (progress) {
-                progress(qBound(0.0, mWrittenMs / mPlan.durationMs, 1.0));
-            }
+            reportProgress(mAudioWritten * 1000.0 / enc->sample_rate, progress);
         }
+    }
+}
+
+// The sound ends where the picture does: a shorter one is filled with
+// silence, a few samples at a time, a longer one cut.
+bool RenderWriter::finishAudio(const std::function<void(double)>& progress, QString* error)
+{
+    const int64_t end = mPlan.wantVideo ? audioLimit() : audioHeld();
+    const int step = qMax(mAudioChunk, 4096);
+    while (audioHeld() < end) {
+        const int count = static_cast<int>(qMin<int64_t>(step, end - audioHeld()));
+        auto silence = makeAVFramePtr();
+        silence->nb_samples = count;
+        silence->format = mAudioEncoder->sample_fmt;
+        int ret = av_channel_layout_copy(&silence->ch_layout, &mAudioEncoder->ch_layout);
+        if (ret >= 0) {
+            ret = av_frame_get_buffer(silence.data(), 0);
+        }
+        if (ret >= 0) {
+            ret = av_samples_set_silence(silence->extended_data, 0, count,
+                                         silence->ch_layout.nb_channels, mAudioEncoder->sample_fmt);
+        }
+        if (ret >= 0) {
+            ret = av_audio_fifo_write(mAudioFifo.data(),
+                                      reinterpret_cast<void**>(silence->extended_data), count);
+        }
+        if (ret < 0) {
+            *error = ffFailure(QStringLiteral("cannot queue silence"), ret);
+            return false;
+        }
+        if (!writeAudio(end, false, progress, error)) {
+            return false;
+        }
+    }
+    mAudioDone = true;
+    return writeAudio(end, true, progress, error) &&
+           encode(mAudioEncoder.data(), mAudioStream, nullptr, error);
+}
+
+bool RenderWriter::drainAudio(const std::function<void(double)>& progress, QString* error)
+{
+    if (mAudioDone) {
+        return true;
+    }
+    if (!pullAudio(error) || !writeAudio(audioLimit(), false, progress, error)) {
+        return false;
+    }
+    const bool pictureEnded = !mPlan.wantVideo || mVideoDone;
+    const bool enough = mPlan.wantVideo && audioHeld() >= audioLimit();
+    if (pictureEnded && (mAudioSinkEnded || enough)) {
+        return finishAudio(progress, error);
     }
     return true;
 }

@@ -13,6 +13,7 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 }
 
 namespace Korvane {
@@ -53,6 +54,19 @@ private:
     bool encode(AVCodecContext* encoder, AVStream* stream, AVFrame* frame, QString* error);
     bool drainVideo(const std::function<void(double)>& progress, QString* error);
     bool drainAudio(const std::function<void(double)>& progress, QString* error);
+    void reportProgress(double ms, const std::function<void(double)>& progress);
+    // The sound's own clock (samples at the output rate), not the graph's
+    // timestamps, gives the encoder its pts: they can only go forward.
+    // Where the sound may reach: the end of the picture written so far.
+    int64_t audioLimit() const;
+    // Samples written plus samples queued.
+    int64_t audioHeld() const;
+    bool pullAudio(QString* error);
+    // Encodes queued sound up to `end`, in the encoder's frames; `last`
+    // lets a short final frame go.
+    bool writeAudio(int64_t end, bool last, const std::function<void(double)>& progress,
+                    QString* error);
+    bool finishAudio(const std::function<void(double)>& progress, QString* error);
 
     const RenderPlan& mPlan;
     AVTaskOutputParam mOut;
@@ -65,6 +79,12 @@ private:
     AVStream* mVideoStream = nullptr;
     AVStream* mAudioStream = nullptr;
     AVStream* mCoverStream = nullptr;
+    QSharedPointer<AVAudioFifo> mAudioFifo;
+    int mAudioChunk = 0;       // the encoder's frame size; 0: any size
+    int64_t mAudioWritten = 0; // samples given to the encoder
+    bool mAudioSinkEnded = false;
+    int64_t mVideoEnd = 0;        // where the pictures written end (encoder time base)
+    int64_t mVideoFrameTicks = 1; // one picture's length in that time base
     bool mCreated = false;
     bool mVideoDone = true;
     bool mAudioDone = true;
