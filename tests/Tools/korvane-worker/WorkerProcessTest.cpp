@@ -266,6 +266,15 @@ QStringList pictureAndTone(int seconds = 2)
             "-i", QStringLiteral("sine=frequency=440:sample_rate=44100:duration=%1").arg(seconds)};
 }
 
+// The 2 s picture and tone in a container, with these codecs.
+std::function<QString()> madeWith(const char* name, const QStringList& codecs)
+{
+    return [=] {
+        return TestMedia::generate(QStringLiteral("engine/%1").arg(QLatin1String(name)),
+                                   pictureAndTone() + codecs);
+    };
+}
+
 // A fragmented MP4 whose header claims 39.8 hours for its one second:
 // the movie and picture track lengths are written over.
 QString fragmentWithWrongLength()
@@ -339,46 +348,22 @@ INSTANTIATE_TEST_SUITE_P(
     Worker, RealInputs,
     ::testing::Values(
         // The AVI muxer repeats the last picture up to the sound: 51 frames.
-        RealInputCase{"mp3_in_avi",
-                      [] {
-                          return TestMedia::generate("engine/mp3.avi",
-                                                     pictureAndTone() + QStringList{"-c:v", "mpeg4",
-                                                                                    "-c:a",
-                                                                                    "libmp3lame"});
-                      },
-                      1, 2.04, 51},
-        RealInputCase{"wma_in_asf",
-                      [] {
-                          return TestMedia::generate(
-                              "engine/wma.wmv",
-                              pictureAndTone() + QStringList{"-c:v", "wmv2", "-c:a", "wmav2"});
-                      },
-                      1, 2.04, 51},
-        RealInputCase{"ima_adpcm_in_wav",
-                      [] {
-                          return TestMedia::generate(
-                              "engine/adpcm.wav",
-                              {"-f", "lavfi", "-i",
-                               "sine=frequency=440:sample_rate=44100:duration=2", "-c:a",
-                               "adpcm_ima_wav"});
-                      },
+        RealInputCase{"mp3_in_avi", madeWith("mp3.avi", {"-c:v", "mpeg4", "-c:a", "libmp3lame"}), 1,
+                      2.04, 51},
+        RealInputCase{"wma_in_asf", madeWith("wma.wmv", {"-c:v", "wmv2", "-c:a", "wmav2"}), 1, 2.04,
+                      51},
+        RealInputCase{"ima_adpcm_in_wav", madeWith("adpcm.wav", {"-vn", "-c:a", "adpcm_ima_wav"}),
                       0, 2.04, 0},
         // MPEG-TS starts its clock at 1.4 s.
-        RealInputCase{"mp2_in_ts",
-                      [] {
-                          return TestMedia::generate(
-                              "engine/mp2.ts",
-                              pictureAndTone() + QStringList{"-c:v", "mpeg2video", "-c:a", "mp2"});
-                      },
-                      1, 2.0, 50},
+        RealInputCase{"mp2_in_ts", madeWith("mp2.ts", {"-c:v", "mpeg2video", "-c:a", "mp2"}), 1,
+                      2.0, 50},
         // Its average rate reads as 24 fps: the 25 frames last 1.04 s.
         RealInputCase{"header_claims_40_hours", fragmentWithWrongLength, 1, 1.04, 25},
         // The picture's edit list starts it at 1 s: its first frame shows from 0.
         RealInputCase{"picture_shifted_by_edit_list",
                       [] {
-                          const QString plain = TestMedia::generate(
-                              "engine/plain-2s.mp4",
-                              pictureAndTone() + QStringList{"-c:v", "libx264", "-c:a", "aac"});
+                          const QString plain =
+                              madeWith("plain-2s.mp4", {"-c:v", "libx264", "-c:a", "aac"})();
                           return TestMedia::generate("engine/shifted-picture.mp4",
                                                      {"-itsoffset", "1", "-i", plain, "-i", plain,
                                                       "-map", "0:v", "-map", "1:a", "-c", "copy"});
