@@ -110,9 +110,9 @@ bool planCoverPicture(const ProjectDocument& doc, MediaSource* source, MainClipP
 }
 
 // How near a range's end must come to the length a file announces to be
-// read as "to the end of the file": the builder writes the probed length,
-// rounded to milliseconds, and streams may differ from it by a frame.
-constexpr qint64 kFileEndToleranceMs = 100;
+// read as "to the end of the file": the builder writes a probed length in
+// whole milliseconds. A cut a frame before the end stays a cut.
+constexpr qint64 kFileEndToleranceMs = 5;
 
 bool reachesFileEnd(const MediaClip& clip, const MediaSource& source)
 {

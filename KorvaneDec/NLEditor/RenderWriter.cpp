@@ -114,14 +114,7 @@ bool RenderWriter::openAudio(AVFormatContext* format, QString* error)
             QStringLiteral("cannot open the audio encoder %1").arg(mPlan.audioCodec->name), ret);
         return false;
     }
-    if (!(mPlan.audioCodec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) &&
-        enc->frame_size > 0) {
-        mAudioChunk = enc->frame_size;
-    }
-    mAudioFifo = makeAVAudioFifoPtr(enc->sample_fmt, enc->ch_layout.nb_channels,
-                                    qMax(mAudioChunk, enc->sample_rate / 10));
-    if (!mAudioFifo) {
-        *error = QStringLiteral("out of memory for the sound queue");
+    if (!mAudioQueue.open(enc, error)) {
         return false;
     }
     mAudioStream = avformat_new_stream(format, nullptr);
@@ -310,25 +303,17 @@ void RenderWriter::reportProgress(double ms, const std::function<void(double)>& 
     }
 }
 
-int64_t RenderWriter::audioLimit() const
+int64_t RenderWriter::videoEndInSamples() const
 {
-    if (!mPlan.wantVideo) {
-        return std::numeric_limits<int64_t>::max();
-    }
-    return av_rescale_q(mVideoEnd, mVideoEncoder->time_base, mAudioEncoder->time_base);
-}
-
-int64_t RenderWriter::audioHeld() const
-{
-    return mAudioWritten + av_audio_fifo_size(mAudioFifo.data());
+    return mPlan.wantVideo
+               ? av_rescale_q(mVideoEnd, mVideoEncoder->time_base, mAudioEncoder->time_base)
+               : 0;
 }
 
 bool RenderWriter::pullAudio(QString* error)
 {
     AVFrame* frame = mFrame.data();
-    // Sound past what the picture allows stays in the graph for now.
-    while (!mAudioSinkEnded &&
-           (!mPlan.wantVideo || audioHeld() < audioLimit() + qMax(mAudioChunk, 1))) {
+    while (!mAudioSinkEnded) {
         const int ret = av_buffersink_get_frame(mAudioSink, frame);
         if (ret == AVERROR(EAGAIN)) {
             return true;
@@ -341,11 +326,9 @@ bool RenderWriter::pullAudio(QString* error)
             *error = ffFailure(QStringLiteral("sound filtering failed"), ret);
             return false;
         }
-        const int written = av_audio_fifo_write(
-            mAudioFifo.data(), reinterpret_cast<void**>(frame->extended_data), frame->nb_samples);
+        const bool queued = mAudioQueue.push(frame, error);
         av_frame_unref(frame);
-        if (written < 0) {
-            *error = ffFailure(QStringLiteral("cannot queue the sound"), written);
+        if (!queued) {
             return false;
         }
     }
@@ -357,77 +340,27 @@ bool RenderWriter::writeAudio(int64_t end, bool last, const std::function<void(d
 {
     AVCodecContext* enc = mAudioEncoder.data();
     for (;;) {
-        int64_t take = qMin<int64_t>(av_audio_fifo_size(mAudioFifo.data()), end - mAudioWritten);
-        if (mAudioChunk > 0) {
-            take = qMin<int64_t>(take, mAudioChunk);
+        const QSharedPointer<AVFrame> frame = mAudioQueue.take(end, last, error);
+        if (!frame) {
+            return error->isEmpty();
         }
-        if (take <= 0 || (mAudioChunk > 0 && take < mAudioChunk && !last)) {
-            return true;
-        }
-        // An encoder of fixed frames takes a short one only at the very end,
-        // and only when it says so; else the frame is filled with silence.
-        const bool shortFrameOk =
-            mAudioChunk == 0 || (enc->codec->capabilities & AV_CODEC_CAP_SMALL_LAST_FRAME);
-        auto frame = makeAVFramePtr();
-        frame->nb_samples = shortFrameOk ? static_cast<int>(take) : mAudioChunk;
-        frame->format = enc->sample_fmt;
-        frame->sample_rate = enc->sample_rate;
-        int ret = av_channel_layout_copy(&frame->ch_layout, &enc->ch_layout);
-        if (ret >= 0) {
-            ret = av_frame_get_buffer(frame.data(), 0);
-        }
-        if (ret >= 0) {
-            ret = av_samples_set_silence(frame->extended_data, 0, frame->nb_samples,
-                                         enc->ch_layout.nb_channels, enc->sample_fmt);
-        }
-        if (ret >= 0) {
-            ret = av_audio_fifo_read(mAudioFifo.data(),
-                                     reinterpret_cast<void**>(frame->extended_data),
-                                     static_cast<int>(take));
-        }
-        if (ret < 0) {
-            *error = ffFailure(QStringLiteral("cannot take the sound from its queue"), ret);
-            return false;
-        }
-        frame->pts = mAudioWritten;
-        mAudioWritten += frame->nb_samples;
         if (!encode(enc, mAudioStream, frame.data(), error)) {
             return false;
         }
         if (!mPlan.wantVideo) {
-            reportProgress(mAudioWritten * 1000.0 / enc->sample_rate, progress);
+            reportProgress(mAudioQueue.taken() * 1000.0 / enc->sample_rate, progress);
         }
     }
 }
 
-// The sound ends where the picture does: a shorter one is filled with
-// silence, a few samples at a time, a longer one cut.
+// Sound that ends before the picture is filled with silence to its end, a
+// few samples at a time; a longer one stays whole, as the input has it.
 bool RenderWriter::finishAudio(const std::function<void(double)>& progress, QString* error)
 {
-    const int64_t end = mPlan.wantVideo ? audioLimit() : audioHeld();
-    const int step = qMax(mAudioChunk, 4096);
-    while (audioHeld() < end) {
-        const int count = static_cast<int>(qMin<int64_t>(step, end - audioHeld()));
-        auto silence = makeAVFramePtr();
-        silence->nb_samples = count;
-        silence->format = mAudioEncoder->sample_fmt;
-        int ret = av_channel_layout_copy(&silence->ch_layout, &mAudioEncoder->ch_layout);
-        if (ret >= 0) {
-            ret = av_frame_get_buffer(silence.data(), 0);
-        }
-        if (ret >= 0) {
-            ret = av_samples_set_silence(silence->extended_data, 0, count,
-                                         silence->ch_layout.nb_channels, mAudioEncoder->sample_fmt);
-        }
-        if (ret >= 0) {
-            ret = av_audio_fifo_write(mAudioFifo.data(),
-                                      reinterpret_cast<void**>(silence->extended_data), count);
-        }
-        if (ret < 0) {
-            *error = ffFailure(QStringLiteral("cannot queue silence"), ret);
-            return false;
-        }
-        if (!writeAudio(end, false, progress, error)) {
+    const int64_t end = qMax(mAudioQueue.held(), videoEndInSamples());
+    while (mAudioQueue.held() < end) {
+        const int count = static_cast<int>(qMin<int64_t>(4096, end - mAudioQueue.held()));
+        if (!mAudioQueue.pushSilence(count, error) || !writeAudio(end, false, progress, error)) {
             return false;
         }
     }
@@ -441,12 +374,11 @@ bool RenderWriter::drainAudio(const std::function<void(double)>& progress, QStri
     if (mAudioDone) {
         return true;
     }
-    if (!pullAudio(error) || !writeAudio(audioLimit(), false, progress, error)) {
+    if (!pullAudio(error) ||
+        !writeAudio(std::numeric_limits<int64_t>::max(), false, progress, error)) {
         return false;
     }
-    const bool pictureEnded = !mPlan.wantVideo || mVideoDone;
-    const bool enough = mPlan.wantVideo && audioHeld() >= audioLimit();
-    if (pictureEnded && (mAudioSinkEnded || enough)) {
+    if (mAudioSinkEnded && (!mPlan.wantVideo || mVideoDone)) {
         return finishAudio(progress, error);
     }
     return true;

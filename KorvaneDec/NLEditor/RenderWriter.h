@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Common/AVTaskOutputParam.h"
+#include "NLEditor/AudioSampleQueue.h"
 #include "NLEditor/ProjectDocument.h"
 #include "NLEditor/RenderFilterGraphs.h"
 #include "NLEditor/RenderPlan.h"
@@ -13,7 +14,6 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavformat/avformat.h>
-#include <libavutil/audio_fifo.h>
 }
 
 namespace Korvane {
@@ -22,6 +22,8 @@ namespace Korvane {
 // file (cover picture and container tags included), encodes what the graphs'
 // sinks give, and finishes the file. Once it has created the file, discard()
 // removes it again: a failed or stopped render leaves nothing behind.
+// Sound reaches its encoder through an AudioSampleQueue; sound that ends
+// before the picture is filled with silence to the picture's end.
 class RenderWriter
 {
 public:
@@ -55,15 +57,11 @@ private:
     bool drainVideo(const std::function<void(double)>& progress, QString* error);
     bool drainAudio(const std::function<void(double)>& progress, QString* error);
     void reportProgress(double ms, const std::function<void(double)>& progress);
-    // The sound's own clock (samples at the output rate), not the graph's
-    // timestamps, gives the encoder its pts: they can only go forward.
-    // Where the sound may reach: the end of the picture written so far.
-    int64_t audioLimit() const;
-    // Samples written plus samples queued.
-    int64_t audioHeld() const;
+    // The end of the pictures written, in samples of the sound.
+    int64_t videoEndInSamples() const;
     bool pullAudio(QString* error);
-    // Encodes queued sound up to `end`, in the encoder's frames; `last`
-    // lets a short final frame go.
+    // Encodes queued sound up to sample `end`; `last` lets a short final
+    // frame go.
     bool writeAudio(int64_t end, bool last, const std::function<void(double)>& progress,
                     QString* error);
     bool finishAudio(const std::function<void(double)>& progress, QString* error);
@@ -79,9 +77,7 @@ private:
     AVStream* mVideoStream = nullptr;
     AVStream* mAudioStream = nullptr;
     AVStream* mCoverStream = nullptr;
-    QSharedPointer<AVAudioFifo> mAudioFifo;
-    int mAudioChunk = 0;       // the encoder's frame size; 0: any size
-    int64_t mAudioWritten = 0; // samples given to the encoder
+    AudioSampleQueue mAudioQueue;
     bool mAudioSinkEnded = false;
     int64_t mVideoEnd = 0;        // where the pictures written end (encoder time base)
     int64_t mVideoFrameTicks = 1; // one picture's length in that time base

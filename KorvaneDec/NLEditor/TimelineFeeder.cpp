@@ -227,7 +227,7 @@ bool TimelineFeeder::stepMain(QString* error)
                                               : mAudioEndMs - main.clip.timelinePosMs;
         if (ms >= lengthMs) {
             mVideoOpen = false;
-            return endSource(mGraphs.source(videoLabel), error);
+            return endSource(mGraphs.source(videoLabel), error, std::llround(ms));
         }
         auto frame = makeAVFramePtr(av_frame_clone(main.still.data()));
         if (!frame) {
@@ -256,7 +256,7 @@ bool TimelineFeeder::stepMain(QString* error)
             mVideoOpen = false;
             return endSource(mGraphs.source(videoLabel), error, mVideoEndPts);
         }
-        mVideoEndPts = decoded.frame->pts + decoded.duration;
+        mVideoEndPts = std::max<int64_t>(mVideoEndPts, decoded.frame->pts + decoded.duration);
         return pushVideo(decoded.frame, error);
     }
     if (!mAudioOpen) {

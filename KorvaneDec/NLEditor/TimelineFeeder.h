@@ -84,7 +84,7 @@ private:
     double mVideoPosMs = 0.0;
     double mAudioPosMs = 0.0;
     double mAudioEndMs = 0.0;              // timeline time where the sound so far ends
-    int64_t mVideoEndPts = AV_NOPTS_VALUE; // where the last picture pushed ends
+    int64_t mVideoEndPts = AV_NOPTS_VALUE; // where the pictures pushed end
     qint64 mStillIndex = 0;
 
     std::vector<ExtraState> mExtras;

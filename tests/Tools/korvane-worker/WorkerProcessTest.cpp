@@ -350,13 +350,24 @@ INSTANTIATE_TEST_SUITE_P(
         // The AVI muxer repeats the last picture up to the sound: 51 frames.
         RealInputCase{"mp3_in_avi", madeWith("mp3.avi", {"-c:v", "mpeg4", "-c:a", "libmp3lame"}), 1,
                       2.04, 51},
-        RealInputCase{"wma_in_asf", madeWith("wma.wmv", {"-c:v", "wmv2", "-c:a", "wmav2"}), 1, 2.04,
+        // WMA's last block reaches 2.09 s.
+        RealInputCase{"wma_in_asf", madeWith("wma.wmv", {"-c:v", "wmv2", "-c:a", "wmav2"}), 1, 2.09,
                       51},
         RealInputCase{"ima_adpcm_in_wav", madeWith("adpcm.wav", {"-vn", "-c:a", "adpcm_ima_wav"}),
                       0, 2.04, 0},
         // MPEG-TS starts its clock at 1.4 s.
         RealInputCase{"mp2_in_ts", madeWith("mp2.ts", {"-c:v", "mpeg2video", "-c:a", "mp2"}), 1,
                       2.0, 50},
+        // The sound outlasts the picture and stays whole; a short one is
+        // filled with silence to the picture's end.
+        RealInputCase{"sound_outlasts_picture",
+                      madeWith("long-sound.mp4",
+                               {"-vf", "trim=duration=1", "-c:v", "libx264", "-c:a", "aac"}),
+                      1, 2.0, 25},
+        RealInputCase{"picture_outlasts_sound",
+                      madeWith("short-sound.mp4",
+                               {"-af", "atrim=duration=1", "-c:v", "libx264", "-c:a", "aac"}),
+                      1, 2.0, 50},
         // Its average rate reads as 24 fps: the 25 frames last 1.04 s.
         RealInputCase{"header_claims_40_hours", fragmentWithWrongLength, 1, 1.04, 25},
         // The picture's edit list starts it at 1 s: its first frame shows from 0.
