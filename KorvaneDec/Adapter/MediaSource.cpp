@@ -183,21 +183,22 @@ qint64 MediaSource::durationMs() const
     return mFormat->duration == AV_NOPTS_VALUE ? 0 : mFormat->duration / 1000;
 }
 
-qint64 MediaSource::announcedEndMs() const
+QList<qint64> MediaSource::announcedLengthsMs() const
 {
-    qint64 shortest = durationMs();
+    QList<qint64> lengths;
+    if (durationMs() > 0) {
+        lengths.append(durationMs());
+    }
     for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
         const AVStream* stream = mFormat->streams[i];
         const AVMediaType type = stream->codecpar->codec_type;
-        if ((type != AVMEDIA_TYPE_VIDEO && type != AVMEDIA_TYPE_AUDIO) ||
-            (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) ||
-            stream->duration == AV_NOPTS_VALUE || stream->duration <= 0) {
-            continue;
+        if ((type == AVMEDIA_TYPE_VIDEO || type == AVMEDIA_TYPE_AUDIO) &&
+            !(stream->disposition & AV_DISPOSITION_ATTACHED_PIC) &&
+            stream->duration != AV_NOPTS_VALUE && stream->duration > 0) {
+            lengths.append(av_rescale_q(stream->duration, stream->time_base, AVRational{1, 1000}));
         }
-        const qint64 ms = av_rescale_q(stream->duration, stream->time_base, AVRational{1, 1000});
-        shortest = shortest > 0 ? qMin(shortest, ms) : ms;
     }
-    return shortest;
+    return lengths;
 }
 
 QSharedPointer<AVFrame> MediaSource::attachedPicture(QString* error) const

@@ -2,6 +2,7 @@
 
 #include "Adapter/AdapterExport.h"
 
+#include <QList>
 #include <QSharedPointer>
 #include <QString>
 
@@ -77,11 +78,11 @@ public:
     const AudioStreamFacts& audio() const { return mAudio; }
     // Container duration in milliseconds, 0 when unknown.
     qint64 durationMs() const;
-    // The shortest length the file announces, in milliseconds: its container
-    // duration or that of any of its audio or video streams; 0 when it
-    // announces none. Headers can be wrong either way: a range that reaches
-    // this far is taken to mean "to the end of the file".
-    qint64 announcedEndMs() const;
+    // The lengths the file announces, in milliseconds: its container's and
+    // those of its audio and video streams, where known. Headers can be
+    // wrong either way: a range that ends at one of them is taken to mean
+    // "to the end of the file".
+    QList<qint64> announcedLengthsMs() const;
     // The attached picture (cover) of the file, decoded; null when it has none.
     QSharedPointer<AVFrame> attachedPicture(QString* error) const;
 

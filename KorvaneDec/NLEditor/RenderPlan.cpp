@@ -109,16 +109,23 @@ bool planCoverPicture(const ProjectDocument& doc, MediaSource* source, MainClipP
     return true;
 }
 
-// How near a range's end must come to the length a file announces to be
+// How near a range's end must come to a length the file announces to be
 // read as "to the end of the file": the builder writes a probed length in
-// whole milliseconds. A cut a frame before the end stays a cut.
+// whole milliseconds. A cut a frame before it stays a cut.
 constexpr qint64 kFileEndToleranceMs = 5;
 
 bool reachesFileEnd(const MediaClip& clip, const MediaSource& source)
 {
-    const qint64 announced = source.announcedEndMs();
-    return announced <= 0 ||
-           clip.rangeBeginMs + clip.rangeLengthMs >= announced - kFileEndToleranceMs;
+    const qint64 end = clip.rangeBeginMs + clip.rangeLengthMs;
+    const QList<qint64> lengths = source.announcedLengthsMs();
+    bool beyondAll = true;
+    for (const qint64 length : lengths) {
+        if (std::abs(end - length) <= kFileEndToleranceMs) {
+            return true;
+        }
+        beyondAll = beyondAll && end > length;
+    }
+    return beyondAll;
 }
 
 bool planMainClips(const ProjectDocument& doc, RenderPlan* plan, QString* error)
