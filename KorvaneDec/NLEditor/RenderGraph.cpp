@@ -71,6 +71,19 @@ QString rangeTrim(const QString& filter, const MediaClip& clip)
     return text;
 }
 
+// A clip's pictures at the output rate, from its range's start rather than
+// its first frame (a picture that starts late, as an edit list can make it,
+// shows its first frame from 0, as players do), and no longer than its
+// range: the concatenation then places each clip at its exact length.
+QString clipRateChain(const MediaClip& clip, double fps)
+{
+    QString text = QStringLiteral("fps=%1:start_time=0").arg(num(fps));
+    if (!clip.toFileEnd) {
+        text += QStringLiteral(",trim=end=%1").arg(seconds(clip.timelineLengthMs()));
+    }
+    return text;
+}
+
 } // namespace
 
 QSize fitInto(double aspect, const QSize& box)
@@ -261,10 +274,11 @@ QString buildVideoGraph(const VideoGraphRequest& request)
     QStringList parts;
     const int n = request.clips.size();
     for (int i = 0; i < n; ++i) {
-        parts.append(QStringLiteral("[v%1]%2[c%1]")
+        parts.append(QStringLiteral("[v%1]%2,%3[c%1]")
                          .arg(i)
                          .arg(mainClipVideoChain(request.clips[i], request.pictures[i],
-                                                 request.canvas, QStringLiteral("m%1").arg(i))));
+                                                 request.canvas, QStringLiteral("m%1").arg(i)),
+                              clipRateChain(request.clips[i], request.fps)));
     }
     QString joined;
     for (int i = 0; i < n; ++i) {
@@ -276,10 +290,7 @@ QString buildVideoGraph(const VideoGraphRequest& request)
         joined += QStringLiteral("null,");
     }
     QString current = QStringLiteral("base0");
-    // Clips are placed against their range's start, not their first frame:
-    // a picture that starts late (an edit list's shift) shows its first
-    // frame from 0, as players do.
-    parts.append(joined + QStringLiteral("fps=%1:start_time=0[%2]").arg(num(request.fps), current));
+    parts.append(joined + QStringLiteral("fps=%1[%2]").arg(num(request.fps), current));
 
     for (int j = 0; j < request.images.size(); ++j) {
         const ImageClip& image = request.images[j];

@@ -227,6 +227,7 @@ TEST(BuildVideoGraph, ParsesWithOneSourcePerClipAndImage)
 {
     VideoGraphRequest request;
     request.clips = {clip(0, 1000), clip(1500, 500)};
+    request.clips[1].toFileEnd = true;
     request.pictures = {picture(160, 120), picture(160, 120)};
     ImageClip image;
     image.center = QPoint(20, 20);
@@ -238,7 +239,11 @@ TEST(BuildVideoGraph, ParsesWithOneSourcePerClipAndImage)
     request.output = QSize(320, 240);
     request.fps = 29.97;
     const QString text = buildVideoGraph(request);
-    EXPECT_TRUE(text.contains("concat=n=2:v=1:a=0,fps=29.97:start_time=0[base0]"));
+    // Each clip at the output rate from its range's start, cut to its
+    // length unless the file's end decides.
+    EXPECT_TRUE(text.contains("setsar=1,fps=29.97:start_time=0,trim=end=1[c0]"));
+    EXPECT_TRUE(text.contains("setsar=1,fps=29.97:start_time=0[c1]"));
+    EXPECT_TRUE(text.contains("concat=n=2:v=1:a=0,fps=29.97[base0]"));
     EXPECT_TRUE(text.contains("scale=320:240,format=pix_fmts=yuv420p[vout]"));
     EXPECT_TRUE(text.contains("[s0]scale=160:90[sp0];[base1][sp0]overlay=x=(W-w)/2:y=(H-h)/2:"));
     QStringList inputs;
