@@ -66,6 +66,18 @@ QSharedPointer<AVCodecContext> openDecoder(const AVStream* stream, QString* erro
     return context;
 }
 
+// A frame's length in `timeBase`: its samples, or one frame period (25 per
+// second when the stream does not say).
+qint64 frameDuration(const AVFrame& frame, AVRational frameRate, AVRational timeBase)
+{
+    if (frame.sample_rate > 0) {
+        return av_rescale_q(frame.nb_samples, AVRational{1, frame.sample_rate}, timeBase);
+    }
+    const AVRational period =
+        frameRate.num > 0 && frameRate.den > 0 ? av_inv_q(frameRate) : AVRational{1, 25};
+    return av_rescale_q(1, period, timeBase);
+}
+
 int chooseAudioStream(AVFormatContext* format, int choice)
 {
     if (choice >= 0 && choice < static_cast<int>(format->nb_streams) &&
@@ -171,6 +183,24 @@ qint64 MediaSource::durationMs() const
     return mFormat->duration == AV_NOPTS_VALUE ? 0 : mFormat->duration / 1000;
 }
 
+QList<qint64> MediaSource::announcedLengthsMs() const
+{
+    QList<qint64> lengths;
+    if (durationMs() > 0) {
+        lengths.append(durationMs());
+    }
+    for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
+        const AVStream* stream = mFormat->streams[i];
+        const AVMediaType type = stream->codecpar->codec_type;
+        if ((type == AVMEDIA_TYPE_VIDEO || type == AVMEDIA_TYPE_AUDIO) &&
+            !(stream->disposition & AV_DISPOSITION_ATTACHED_PIC) &&
+            stream->duration != AV_NOPTS_VALUE && stream->duration > 0) {
+            lengths.append(av_rescale_q(stream->duration, stream->time_base, AVRational{1, 1000}));
+        }
+    }
+    return lengths;
+}
+
 QSharedPointer<AVFrame> MediaSource::attachedPicture(QString* error) const
 {
     for (unsigned i = 0; i < mFormat->nb_streams; ++i) {
@@ -215,6 +245,8 @@ bool MediaSource::seek(qint64 ms, QString* error)
         avcodec_flush_buffers(mAudioDecoder.data());
     }
     mDraining = mVideoDrained = mAudioDrained = false;
+    mNextVideoPts = av_rescale_q(ms, AVRational{1, 1000}, mVideo.timeBase);
+    mNextAudioPts = av_rescale_q(ms, AVRational{1, 1000}, mAudio.timeBase);
     return true;
 }
 
@@ -234,12 +266,15 @@ bool MediaSource::receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* o
         return false;
     }
     const AVRational timeBase = isVideo ? mVideo.timeBase : mAudio.timeBase;
+    qint64& nextPts = isVideo ? mNextVideoPts : mNextAudioPts;
     qint64 pts = frame->best_effort_timestamp;
     if (pts == AV_NOPTS_VALUE) {
-        pts = frame->pts == AV_NOPTS_VALUE ? 0 : frame->pts;
+        pts = frame->pts;
     }
-    pts -= av_rescale_q(mStartUs, AV_TIME_BASE_Q, timeBase);
+    pts = pts == AV_NOPTS_VALUE ? nextPts : pts - av_rescale_q(mStartUs, AV_TIME_BASE_Q, timeBase);
     frame->pts = pts;
+    out->duration = frameDuration(*frame, isVideo ? mVideo.frameRate : AVRational{0, 1}, timeBase);
+    nextPts = pts + out->duration;
     out->isVideo = isVideo;
     out->frame = frame;
     out->seconds = pts * av_q2d(timeBase);

@@ -2,6 +2,7 @@
 
 #include "Adapter/AdapterExport.h"
 
+#include <QList>
 #include <QSharedPointer>
 #include <QString>
 
@@ -46,6 +47,7 @@ struct DecodedFrame
     bool isVideo = false;
     QSharedPointer<AVFrame> frame;
     double seconds = 0.0; // pts in seconds from the start of the file
+    qint64 duration = 0;  // in the stream's time base: samples, or one frame period
 };
 
 // A media file opened for playing one video stream and/or one audio stream.
@@ -76,6 +78,11 @@ public:
     const AudioStreamFacts& audio() const { return mAudio; }
     // Container duration in milliseconds, 0 when unknown.
     qint64 durationMs() const;
+    // The lengths the file announces, in milliseconds: its container's and
+    // those of its audio and video streams, where known. Headers can be
+    // wrong either way: a range that ends at one of them is taken to mean
+    // "to the end of the file".
+    QList<qint64> announcedLengthsMs() const;
     // The attached picture (cover) of the file, decoded; null when it has none.
     QSharedPointer<AVFrame> attachedPicture(QString* error) const;
 
@@ -83,6 +90,7 @@ public:
     bool seek(qint64 ms, QString* error);
     // The next decoded frame of the chosen streams. Returns false at the end
     // of the file (`error` empty) or on a read/decode failure (`error` set).
+    // A frame without any timestamp gets the end of the one before it.
     bool next(DecodedFrame* out, QString* error);
 
 private:
@@ -97,6 +105,10 @@ private:
     VideoStreamFacts mVideo;
     AudioStreamFacts mAudio;
     qint64 mStartUs = 0;
+    // Where the next frame of each kind would start (stream time base, from
+    // the start of the file): the time of a frame that has none.
+    qint64 mNextVideoPts = 0;
+    qint64 mNextAudioPts = 0;
     bool mDraining = false;
     bool mVideoDrained = false;
     bool mAudioDrained = false;

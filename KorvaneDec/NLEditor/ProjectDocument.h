@@ -65,6 +65,10 @@ struct MediaClip
     QList<VideoFilterEntry> videoFilters;
     QList<AudioFilterEntry> audioFilters;
     QList<SubtitleEntry> subtitles;
+    // Not read from the document: the renderer sets it when the range
+    // reaches the end the file announces, and then plays the file to its
+    // real end, which a header can misstate either way.
+    bool toFileEnd = false;
 
     // Length on the timeline: the range played at the clip's speed.
     double timelineLengthMs() const { return rangeLengthMs / speed; }

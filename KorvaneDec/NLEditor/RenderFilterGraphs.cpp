@@ -36,18 +36,14 @@ QString pictureSourceArgs(int width, int height, int pixelFormat, AVRational tim
         .arg(sampleAspect.den);
 }
 
-QString soundSourceArgs(const AudioStreamFacts& facts)
+// Every sound source delivers the output's form on a sample clock (see
+// AudioFrameConverter).
+QString soundSourceArgs(const RenderPlan& plan)
 {
-    AVChannelLayout layout = announcedLayout(facts);
-    const QString text =
-        QStringLiteral("time_base=%1/%2:sample_rate=%3:sample_fmt=%4:channel_layout=%5")
-            .arg(facts.timeBase.num)
-            .arg(facts.timeBase.den)
-            .arg(facts.sampleRate)
-            .arg(QString::fromLatin1(av_get_sample_fmt_name(facts.sampleFormat)))
-            .arg(layoutText(layout));
-    av_channel_layout_uninit(&layout);
-    return text;
+    return QStringLiteral("time_base=1/%1:sample_rate=%1:sample_fmt=%2:channel_layout=%3")
+        .arg(plan.sampleRate)
+        .arg(QString::fromLatin1(av_get_sample_fmt_name(plan.sampleFormat)))
+        .arg(layoutText(plan.channelLayout));
 }
 
 } // namespace
@@ -159,12 +155,12 @@ bool RenderFilterGraphs::build(const ProjectDocument& doc, const RenderPlan& pla
             request.mainClips.append(plan.mains[i].clip);
             request.mainAudio.append(ClipAudio{plan.mains[i].hasAudio});
             if (plan.mains[i].hasAudio) {
-                args.insert(QStringLiteral("a%1").arg(i), soundSourceArgs(plan.mains[i].audio));
+                args.insert(QStringLiteral("a%1").arg(i), soundSourceArgs(plan));
             }
         }
         for (int k = 0; k < plan.extras.size(); ++k) {
             request.audioClips.append(plan.extras[k].clip);
-            args.insert(QStringLiteral("x%1").arg(k), soundSourceArgs(plan.extras[k].audio));
+            args.insert(QStringLiteral("x%1").arg(k), soundSourceArgs(plan));
         }
         request.durationMs = plan.durationMs;
         request.sampleRate = plan.sampleRate;

@@ -60,6 +60,30 @@ void appendRotation(QStringList* chain, int degrees, QSize* size, const QString&
     }
 }
 
+// The clip's range of its file. A range to the file's end has no end here:
+// the file ends it, however long its header says it is.
+QString rangeTrim(const QString& filter, const MediaClip& clip)
+{
+    QString text = QStringLiteral("%1=start=%2").arg(filter, seconds(clip.rangeBeginMs));
+    if (!clip.toFileEnd) {
+        text += QStringLiteral(":end=%1").arg(seconds(clip.rangeBeginMs + clip.rangeLengthMs));
+    }
+    return text;
+}
+
+// A clip's pictures at the output rate, from its range's start rather than
+// its first frame (a picture that starts late, as an edit list can make it,
+// shows its first frame from 0, as players do), and no longer than its
+// range: the concatenation then places each clip at its exact length.
+QString clipRateChain(const MediaClip& clip, double fps)
+{
+    QString text = QStringLiteral("fps=%1:start_time=0").arg(num(fps));
+    if (!clip.toFileEnd) {
+        text += QStringLiteral(",trim=end=%1").arg(seconds(clip.timelineLengthMs()));
+    }
+    return text;
+}
+
 } // namespace
 
 QSize fitInto(double aspect, const QSize& box)
@@ -82,10 +106,9 @@ QString mainClipVideoChain(const MediaClip& clip, const SourcePicture& picture, 
         chain.append(deinterlaceFilterText());
     }
     if (!picture.still) {
-        chain.append(
-            QStringLiteral("trim=start=%1:end=%2")
-                .arg(seconds(clip.rangeBeginMs), seconds(clip.rangeBeginMs + clip.rangeLengthMs)));
-        chain.append(QStringLiteral("setpts=(PTS-STARTPTS)/%1").arg(num(clip.speed)));
+        chain.append(rangeTrim(QStringLiteral("trim"), clip));
+        chain.append(QStringLiteral("setpts=(PTS-%1/TB)/%2")
+                         .arg(seconds(clip.rangeBeginMs), num(clip.speed)));
     }
 
     // The file's own display rotation first: the document's crop and
@@ -229,10 +252,8 @@ QStringList tempoFilters(double speed)
 QString clipAudioChain(const MediaClip& clip, bool place)
 {
     QStringList chain;
-    chain.append(
-        QStringLiteral("atrim=start=%1:end=%2")
-            .arg(seconds(clip.rangeBeginMs), seconds(clip.rangeBeginMs + clip.rangeLengthMs)));
-    chain.append(QStringLiteral("asetpts=PTS-STARTPTS"));
+    chain.append(rangeTrim(QStringLiteral("atrim"), clip));
+    chain.append(QStringLiteral("asetpts=PTS-%1/TB").arg(seconds(clip.rangeBeginMs)));
     chain.append(tempoFilters(clip.speed));
     for (const AudioFilterEntry& entry : clip.audioFilters) {
         const auto filter = makeAudioFilter(entry.name, entry.value);
@@ -253,10 +274,11 @@ QString buildVideoGraph(const VideoGraphRequest& request)
     QStringList parts;
     const int n = request.clips.size();
     for (int i = 0; i < n; ++i) {
-        parts.append(QStringLiteral("[v%1]%2[c%1]")
+        parts.append(QStringLiteral("[v%1]%2,%3[c%1]")
                          .arg(i)
                          .arg(mainClipVideoChain(request.clips[i], request.pictures[i],
-                                                 request.canvas, QStringLiteral("m%1").arg(i))));
+                                                 request.canvas, QStringLiteral("m%1").arg(i)),
+                              clipRateChain(request.clips[i], request.fps)));
     }
     QString joined;
     for (int i = 0; i < n; ++i) {
@@ -362,9 +384,17 @@ QString buildAudioGraph(const AudioGraphRequest& request)
     } else {
         tail += QStringLiteral("anull,");
     }
-    tail += QStringLiteral("apad=whole_dur=%1,atrim=end=%1,"
-                           "aformat=sample_fmts=%2:sample_rates=%3:channel_layouts=%4[aout]")
-                .arg(seconds(request.durationMs), request.sampleFormat)
+    // A timeline whose length rests on a file's header is not padded to it:
+    // the writer ends the sound with the picture instead.
+    bool knownLength = true;
+    for (const MediaClip& clip : request.mainClips + request.audioClips) {
+        knownLength = knownLength && !clip.toFileEnd;
+    }
+    if (knownLength) {
+        tail += QStringLiteral("apad=whole_dur=%1,atrim=end=%1,").arg(seconds(request.durationMs));
+    }
+    tail += QStringLiteral("aformat=sample_fmts=%1:sample_rates=%2:channel_layouts=%3[aout]")
+                .arg(request.sampleFormat)
                 .arg(request.sampleRate)
                 .arg(request.channelLayout);
     parts.append(tail);

@@ -109,6 +109,25 @@ bool planCoverPicture(const ProjectDocument& doc, MediaSource* source, MainClipP
     return true;
 }
 
+// How near a range's end must come to a length the file announces to be
+// read as "to the end of the file": the builder writes a probed length in
+// whole milliseconds. A cut a frame before it stays a cut.
+constexpr qint64 kFileEndToleranceMs = 5;
+
+bool reachesFileEnd(const MediaClip& clip, const MediaSource& source)
+{
+    const qint64 end = clip.rangeBeginMs + clip.rangeLengthMs;
+    const QList<qint64> lengths = source.announcedLengthsMs();
+    bool beyondAll = true;
+    for (const qint64 length : lengths) {
+        if (std::abs(end - length) <= kFileEndToleranceMs) {
+            return true;
+        }
+        beyondAll = beyondAll && end > length;
+    }
+    return beyondAll;
+}
+
 bool planMainClips(const ProjectDocument& doc, RenderPlan* plan, QString* error)
 {
     for (const MediaClip& clip : doc.mainClips) {
@@ -125,6 +144,7 @@ bool planMainClips(const ProjectDocument& doc, RenderPlan* plan, QString* error)
         if (!source) {
             return false;
         }
+        main.clip.toFileEnd = reachesFileEnd(clip, *source);
         if (plan->wantVideo && cover) {
             if (!planCoverPicture(doc, source.get(), &main, error)) {
                 return false;
@@ -175,7 +195,9 @@ bool planAudioClips(const ProjectDocument& doc, RenderPlan* plan, QString* error
             *error = QStringLiteral("no decodable audio stream in \"%1\"").arg(clip.filePath);
             return false;
         }
-        plan->extras.append({clip, source->audio()});
+        AudioClipPlan extra{clip, source->audio()};
+        extra.clip.toFileEnd = reachesFileEnd(clip, *source);
+        plan->extras.append(extra);
     }
     bool anySound = !plan->extras.isEmpty();
     for (const MainClipPlan& main : std::as_const(plan->mains)) {
@@ -320,17 +342,6 @@ bool chooseEncoders(const ProjectDocument& doc, const AVTaskOutputParam& out,
 RenderPlan::~RenderPlan()
 {
     av_channel_layout_uninit(&channelLayout);
-}
-
-AVChannelLayout announcedLayout(const AudioStreamFacts& facts)
-{
-    AVChannelLayout layout{};
-    if (facts.channelMask != 0) {
-        av_channel_layout_from_mask(&layout, facts.channelMask);
-    } else {
-        av_channel_layout_default(&layout, qMax(1, facts.channels));
-    }
-    return layout;
 }
 
 void logRenderNoteOnce(const QString& text)

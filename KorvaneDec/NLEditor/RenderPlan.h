@@ -81,10 +81,6 @@ struct RenderPlan
 bool makeRenderPlan(const ProjectDocument& doc, const AVTaskOutputParam& out, RenderPlan* plan,
                     QString* error);
 
-// The channel layout a stream announces, or the default one for its count.
-// The caller uninitialises it.
-AVChannelLayout announcedLayout(const AudioStreamFacts& facts);
-
 // Writes a note about something the renderer leaves out to the log, once
 // per process for each text.
 void logRenderNoteOnce(const QString& text);

@@ -9,6 +9,7 @@
 #include <QSaveFile>
 
 #include <cstring>
+#include <limits>
 
 extern "C" {
 #include <libavfilter/buffersink.h>
@@ -76,6 +77,10 @@ bool RenderWriter::openVideo(AVFormatContext* format, QString* error)
     enc->sample_aspect_ratio = AVRational{1, 1};
     enc->time_base = av_buffersink_get_time_base(mVideoSink);
     enc->framerate = av_buffersink_get_frame_rate(mVideoSink);
+    if (enc->framerate.num > 0 && enc->framerate.den > 0) {
+        mVideoFrameTicks =
+            qMax<int64_t>(1, av_rescale_q(1, av_inv_q(enc->framerate), enc->time_base));
+    }
     enc->gop_size = 15;
     if (mOut.video.bitrateKbps >= 1) {
         enc->bit_rate = mOut.video.bitrateKbps * 1000;
@@ -146,9 +151,8 @@ bool RenderWriter::openAudio(AVFormatContext* format, QString* error)
             QStringLiteral("cannot open the audio encoder %1").arg(mPlan.audioCodec->name), ret);
         return false;
     }
-    if (!(mPlan.audioCodec->capabilities & AV_CODEC_CAP_VARIABLE_FRAME_SIZE) &&
-        enc->frame_size > 0) {
-        av_buffersink_set_frame_size(mAudioSink, enc->frame_size);
+    if (!mAudioQueue.open(enc, error)) {
+        return false;
     }
     mAudioStream = avformat_new_stream(format, nullptr);
     if (!mAudioStream) {
@@ -339,50 +343,104 @@ bool RenderWriter::drainVideo(const std::function<void(double)>& progress, QStri
             return false;
         }
         frame->pict_type = AV_PICTURE_TYPE_NONE;
-        const double ms = frame->pts * av_q2d(mVideoEncoder->time_base) * 1000.0;
+        const int64_t pts = frame->pts;
+        const double ms = pts * av_q2d(mVideoEncoder->time_base) * 1000.0;
         const bool ok = encode(mVideoEncoder.data(), mVideoStream, frame, error);
         av_frame_unref(frame);
         if (!ok) {
             return false;
         }
-        mWrittenMs = qMax(mWrittenMs, ms);
-        if (progress) {
-            progress(qBound(0.0, mWrittenMs / mPlan.durationMs, 1.0));
-        }
+        mVideoEnd = qMax(mVideoEnd, pts + mVideoFrameTicks);
+        reportProgress(ms, progress);
     }
     return true;
 }
 
-bool RenderWriter::drainAudio(const std::function<void(double)>& progress, QString* error)
+void RenderWriter::reportProgress(double ms, const std::function<void(double)>& progress)
+{
+    mWrittenMs = qMax(mWrittenMs, ms);
+    if (progress) {
+        progress(qBound(0.0, mWrittenMs / mPlan.durationMs, 1.0));
+    }
+}
+
+int64_t RenderWriter::videoEndInSamples() const
+{
+    return mPlan.wantVideo
+               ? av_rescale_q(mVideoEnd, mVideoEncoder->time_base, mAudioEncoder->time_base)
+               : 0;
+}
+
+bool RenderWriter::pullAudio(QString* error)
 {
     AVFrame* frame = mFrame.data();
-    while (!mAudioDone) {
+    while (!mAudioSinkEnded) {
         const int ret = av_buffersink_get_frame(mAudioSink, frame);
         if (ret == AVERROR(EAGAIN)) {
             return true;
         }
         if (ret == AVERROR_EOF) {
-            mAudioDone = true;
-            return encode(mAudioEncoder.data(), mAudioStream, nullptr, error);
+            mAudioSinkEnded = true;
+            return true;
         }
         if (ret < 0) {
             *error = ffFailure(QStringLiteral("sound filtering failed"), ret);
             return false;
         }
-        const AVRational sinkBase = av_buffersink_get_time_base(mAudioSink);
-        frame->pts = av_rescale_q(frame->pts, sinkBase, mAudioEncoder->time_base);
-        const double ms = frame->pts * av_q2d(mAudioEncoder->time_base) * 1000.0;
-        const bool ok = encode(mAudioEncoder.data(), mAudioStream, frame, error);
+        const bool queued = mAudioQueue.push(frame, error);
         av_frame_unref(frame);
-        if (!ok) {
+        if (!queued) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool RenderWriter::writeAudio(int64_t end, bool last, const std::function<void(double)>& progress,
+                              QString* error)
+{
+    AVCodecContext* enc = mAudioEncoder.data();
+    for (;;) {
+        const QSharedPointer<AVFrame> frame = mAudioQueue.take(end, last, error);
+        if (!frame) {
+            return error->isEmpty();
+        }
+        if (!encode(enc, mAudioStream, frame.data(), error)) {
             return false;
         }
         if (!mPlan.wantVideo) {
-            mWrittenMs = qMax(mWrittenMs, ms);
-            if (progress) {
-                progress(qBound(0.0, mWrittenMs / mPlan.durationMs, 1.0));
-            }
+            reportProgress(mAudioQueue.taken() * 1000.0 / enc->sample_rate, progress);
         }
+    }
+}
+
+// Sound that ends before the picture is filled with silence to its end, a
+// few samples at a time; a longer one stays whole, as the input has it.
+bool RenderWriter::finishAudio(const std::function<void(double)>& progress, QString* error)
+{
+    const int64_t end = qMax(mAudioQueue.held(), videoEndInSamples());
+    while (mAudioQueue.held() < end) {
+        const int count = static_cast<int>(qMin<int64_t>(4096, end - mAudioQueue.held()));
+        if (!mAudioQueue.pushSilence(count, error) || !writeAudio(end, false, progress, error)) {
+            return false;
+        }
+    }
+    mAudioDone = true;
+    return writeAudio(end, true, progress, error) &&
+           encode(mAudioEncoder.data(), mAudioStream, nullptr, error);
+}
+
+bool RenderWriter::drainAudio(const std::function<void(double)>& progress, QString* error)
+{
+    if (mAudioDone) {
+        return true;
+    }
+    if (!pullAudio(error) ||
+        !writeAudio(std::numeric_limits<int64_t>::max(), false, progress, error)) {
+        return false;
+    }
+    if (mAudioSinkEnded && (!mPlan.wantVideo || mVideoDone)) {
+        return finishAudio(progress, error);
     }
     return true;
 }

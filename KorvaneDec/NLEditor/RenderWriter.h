@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Common/AVTaskOutputParam.h"
+#include "NLEditor/AudioSampleQueue.h"
 #include "NLEditor/ProjectDocument.h"
 #include "NLEditor/RenderFilterGraphs.h"
 #include "NLEditor/RenderPlan.h"
@@ -25,6 +26,8 @@ namespace Korvane {
 // sinks give, and finishes the file. The file is written beside the output
 // and moved into place by close(); discard() drops it, so a failed or
 // stopped render leaves whatever was at the output path untouched.
+// Sound reaches its encoder through an AudioSampleQueue; sound that ends
+// before the picture is filled with silence to the picture's end.
 class RenderWriter
 {
 public:
@@ -58,6 +61,15 @@ private:
     bool encode(AVCodecContext* encoder, AVStream* stream, AVFrame* frame, QString* error);
     bool drainVideo(const std::function<void(double)>& progress, QString* error);
     bool drainAudio(const std::function<void(double)>& progress, QString* error);
+    void reportProgress(double ms, const std::function<void(double)>& progress);
+    // The end of the pictures written, in samples of the sound.
+    int64_t videoEndInSamples() const;
+    bool pullAudio(QString* error);
+    // Encodes queued sound up to sample `end`; `last` lets a short final
+    // frame go.
+    bool writeAudio(int64_t end, bool last, const std::function<void(double)>& progress,
+                    QString* error);
+    bool finishAudio(const std::function<void(double)>& progress, QString* error);
 
     const RenderPlan& mPlan;
     AVTaskOutputParam mOut;
@@ -73,6 +85,10 @@ private:
     AVStream* mVideoStream = nullptr;
     AVStream* mAudioStream = nullptr;
     AVStream* mCoverStream = nullptr;
+    AudioSampleQueue mAudioQueue;
+    bool mAudioSinkEnded = false;
+    int64_t mVideoEnd = 0;        // where the pictures written end (encoder time base)
+    int64_t mVideoFrameTicks = 1; // one picture's length in that time base
     bool mCreated = false;
     bool mVideoDone = true;
     bool mAudioDone = true;

@@ -16,13 +16,20 @@ namespace {
 
 constexpr double kNever = std::numeric_limits<double>::infinity();
 
-std::unique_ptr<AudioFrameConverter> makeAudioConverter(const AudioStreamFacts& facts)
+// Sound enters the graphs in the output's form, on a sample clock that
+// starts at the clip's range.
+std::unique_ptr<AudioFrameConverter>
+makeAudioConverter(const RenderPlan& plan, const AudioStreamFacts& facts, const MediaClip& clip)
 {
-    AVChannelLayout layout = announcedLayout(facts);
-    auto converter =
-        std::make_unique<AudioFrameConverter>(facts.sampleRate, facts.sampleFormat, layout);
-    av_channel_layout_uninit(&layout);
-    return converter;
+    return std::make_unique<AudioFrameConverter>(plan.sampleRate, plan.sampleFormat,
+                                                 plan.channelLayout, facts.timeBase,
+                                                 clip.rangeBeginMs / 1000.0);
+}
+
+// The file time at which a clip stops reading.
+double rangeEndSeconds(const MediaClip& clip)
+{
+    return clip.toFileEnd ? kNever : (clip.rangeBeginMs + clip.rangeLengthMs) / 1000.0;
 }
 
 // Where a file time of a clip lands on the timeline.
@@ -138,20 +145,19 @@ bool TimelineFeeder::stepExtra(int k, QString* error)
         if (!state.source) {
             return false;
         }
-        state.converter = makeAudioConverter(extra.audio);
+        state.converter = makeAudioConverter(mPlan, extra.audio, extra.clip);
         if (extra.clip.rangeBeginMs > 0 && !state.source->seek(extra.clip.rangeBeginMs, error)) {
             return false;
         }
     }
     DecodedFrame decoded;
-    const double endSeconds = (extra.clip.rangeBeginMs + extra.clip.rangeLengthMs) / 1000.0;
-    if (!state.source->next(&decoded, error) || decoded.seconds >= endSeconds) {
+    if (!state.source->next(&decoded, error) || decoded.seconds >= rangeEndSeconds(extra.clip)) {
         if (!error->isEmpty()) {
             return false;
         }
         state.done = true;
         state.source.reset();
-        return endSource(source, error);
+        return endAudio(source, state.converter.get(), error);
     }
     state.posMs = timelineMs(extra.clip, decoded.seconds);
     return pushAudio(source, state.converter.get(), decoded.frame, error);
@@ -182,8 +188,10 @@ bool TimelineFeeder::openNextMain(QString* error)
     mVideoConverter = std::make_unique<VideoFrameConverter>(main.video.width, main.video.height,
                                                             main.video.pixelFormat);
     if (mAudioOpen) {
-        mAudioConverter = makeAudioConverter(main.audio);
+        mAudioConverter = makeAudioConverter(mPlan, main.audio, main.clip);
     }
+    mVideoEndPts = AV_NOPTS_VALUE;
+    mAudioEndMs = main.clip.timelinePosMs;
     return true;
 }
 
@@ -191,13 +199,13 @@ bool TimelineFeeder::endMain(const QString& videoLabel, const QString& audioLabe
 {
     if (mVideoOpen && !mPlan.mains[mCurrent].still) {
         mVideoOpen = false;
-        if (!endSource(mGraphs.source(videoLabel), error)) {
+        if (!endSource(mGraphs.source(videoLabel), error, mVideoEndPts)) {
             return false;
         }
     }
     if (mAudioOpen) {
         mAudioOpen = false;
-        return endSource(mGraphs.source(audioLabel), error);
+        return endAudio(mGraphs.source(audioLabel), mAudioConverter.get(), error);
     }
     return true;
 }
@@ -207,14 +215,19 @@ bool TimelineFeeder::stepMain(QString* error)
     const MainClipPlan& main = mPlan.mains[mCurrent];
     const QString videoLabel = QStringLiteral("v%1").arg(mCurrent);
     const QString audioLabel = QStringLiteral("a%1").arg(mCurrent);
-    const double endSeconds = (main.clip.rangeBeginMs + main.clip.rangeLengthMs) / 1000.0;
+    const double endSeconds = rangeEndSeconds(main.clip);
 
-    // A cover clip repeats its picture at the output rate for its length.
+    // A cover clip repeats its picture at the output rate for its length;
+    // played to the file's end, for as long as its sound really lasts.
     if (main.still && mVideoOpen && (!mAudioOpen || mVideoPosMs <= mAudioPosMs)) {
         const double ms = mStillIndex * 1000.0 / mPlan.fps;
-        if (ms >= main.clip.timelineLengthMs()) {
+        const bool soundDecides = main.clip.toFileEnd && main.hasAudio && mPlan.wantAudio;
+        const double lengthMs = !soundDecides ? main.clip.timelineLengthMs()
+                                : mAudioOpen  ? kNever
+                                              : mAudioEndMs - main.clip.timelinePosMs;
+        if (ms >= lengthMs) {
             mVideoOpen = false;
-            return endSource(mGraphs.source(videoLabel), error);
+            return endSource(mGraphs.source(videoLabel), error, std::llround(ms));
         }
         auto frame = makeAVFramePtr(av_frame_clone(main.still.data()));
         if (!frame) {
@@ -241,8 +254,9 @@ bool TimelineFeeder::stepMain(QString* error)
         mVideoPosMs = posMs;
         if (decoded.seconds >= endSeconds) {
             mVideoOpen = false;
-            return endSource(mGraphs.source(videoLabel), error);
+            return endSource(mGraphs.source(videoLabel), error, mVideoEndPts);
         }
+        mVideoEndPts = std::max<int64_t>(mVideoEndPts, decoded.frame->pts + decoded.duration);
         return pushVideo(decoded.frame, error);
     }
     if (!mAudioOpen) {
@@ -251,8 +265,10 @@ bool TimelineFeeder::stepMain(QString* error)
     mAudioPosMs = posMs;
     if (decoded.seconds >= endSeconds) {
         mAudioOpen = false;
-        return endSource(mGraphs.source(audioLabel), error);
+        return endAudio(mGraphs.source(audioLabel), mAudioConverter.get(), error);
     }
+    mAudioEndMs =
+        timelineMs(main.clip, decoded.seconds + decoded.duration * av_q2d(main.audio.timeBase));
     return pushAudio(mGraphs.source(audioLabel), mAudioConverter.get(), decoded.frame, error);
 }
 
@@ -275,20 +291,33 @@ bool TimelineFeeder::pushVideo(const QSharedPointer<AVFrame>& frame, QString* er
 bool TimelineFeeder::pushAudio(AVFilterContext* source, AudioFrameConverter* converter,
                                const QSharedPointer<AVFrame>& frame, QString* error)
 {
-    const QSharedPointer<AVFrame> conformed = converter->convert(frame, error);
-    if (!conformed) {
+    return pushConverted(source, converter->convert(frame, error), error);
+}
+
+bool TimelineFeeder::pushConverted(AVFilterContext* source, const QSharedPointer<AVFrame>& frame,
+                                   QString* error)
+{
+    if (!frame) {
         return false;
     }
-    if (conformed->nb_samples == 0) {
+    if (frame->nb_samples == 0) {
         return true;
     }
-    const int ret =
-        av_buffersrc_add_frame_flags(source, conformed.data(), AV_BUFFERSRC_FLAG_KEEP_REF);
+    const int ret = av_buffersrc_add_frame_flags(source, frame.data(), AV_BUFFERSRC_FLAG_KEEP_REF);
     if (ret < 0 && ret != AVERROR_EOF) {
         *error = ffFailure(QStringLiteral("sound filtering failed"), ret);
         return false;
     }
     return true;
+}
+
+// The resampler's last samples go in before the end, which is stated where
+// the sound ends.
+bool TimelineFeeder::endAudio(AVFilterContext* source, AudioFrameConverter* converter,
+                              QString* error)
+{
+    return pushConverted(source, converter->flush(error), error) &&
+           endSource(source, error, converter->nextPts());
 }
 
 // Pictures shared between several pushes (a cue shown twice, the transparent
@@ -310,9 +339,12 @@ bool TimelineFeeder::pushPicture(AVFilterContext* source, const QSharedPointer<A
     return true;
 }
 
-bool TimelineFeeder::endSource(AVFilterContext* source, QString* error)
+bool TimelineFeeder::endSource(AVFilterContext* source, QString* error, int64_t endPts)
 {
-    const int ret = av_buffersrc_add_frame_flags(source, nullptr, 0);
+    // Without a stated end, libavfilter takes the last frame's start for it,
+    // and the rate conversion drops that frame.
+    const int ret = endPts == AV_NOPTS_VALUE ? av_buffersrc_add_frame_flags(source, nullptr, 0)
+                                             : av_buffersrc_close(source, endPts, 0);
     if (ret < 0 && ret != AVERROR_EOF) {
         *error = ffFailure(QStringLiteral("cannot end a filter source"), ret);
         return false;

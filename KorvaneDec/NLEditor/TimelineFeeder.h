@@ -61,9 +61,14 @@ private:
     bool pushVideo(const QSharedPointer<AVFrame>& frame, QString* error);
     bool pushAudio(AVFilterContext* source, AudioFrameConverter* converter,
                    const QSharedPointer<AVFrame>& frame, QString* error);
+    bool pushConverted(AVFilterContext* source, const QSharedPointer<AVFrame>& frame,
+                       QString* error);
+    bool endAudio(AVFilterContext* source, AudioFrameConverter* converter, QString* error);
     bool pushPicture(AVFilterContext* source, const QSharedPointer<AVFrame>& picture, qint64 pts,
                      QString* error);
-    bool endSource(AVFilterContext* source, QString* error);
+    // Ends a source; `endPts` (in its time base) says where its last frame
+    // ends, when known.
+    bool endSource(AVFilterContext* source, QString* error, int64_t endPts = AV_NOPTS_VALUE);
 
     RenderPlan& mPlan;
     const RenderFilterGraphs& mGraphs;
@@ -78,6 +83,8 @@ private:
     bool mAudioOpen = false;
     double mVideoPosMs = 0.0;
     double mAudioPosMs = 0.0;
+    double mAudioEndMs = 0.0;              // timeline time where the sound so far ends
+    int64_t mVideoEndPts = AV_NOPTS_VALUE; // where the pictures pushed end
     qint64 mStillIndex = 0;
 
     std::vector<ExtraState> mExtras;

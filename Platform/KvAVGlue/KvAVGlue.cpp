@@ -111,4 +111,14 @@ QSharedPointer<SwrContext> makeSwrContextPtr(SwrContext* context)
     return QSharedPointer<SwrContext>(context, [](SwrContext* c) { swr_free(&c); });
 }
 
+QSharedPointer<AVAudioFifo> makeAVAudioFifoPtr(AVSampleFormat format, int channels,
+                                               int initialSamples)
+{
+    AVAudioFifo* fifo = av_audio_fifo_alloc(format, channels, initialSamples);
+    if (!fifo) {
+        return {};
+    }
+    return QSharedPointer<AVAudioFifo>(fifo, av_audio_fifo_free);
+}
+
 } // namespace Korvane

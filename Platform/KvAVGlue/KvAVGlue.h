@@ -8,6 +8,7 @@ extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavfilter/avfilter.h>
 #include <libavformat/avformat.h>
+#include <libavutil/audio_fifo.h>
 #include <libavutil/frame.h>
 #include <libswresample/swresample.h>
 #include <libswscale/swscale.h>
@@ -58,5 +59,9 @@ KVAVGLUE_EXPORT QSharedPointer<SwsContext> makeSwsContextPtr(SwsContext* context
 
 // swr_free.
 KVAVGLUE_EXPORT QSharedPointer<SwrContext> makeSwrContextPtr(SwrContext* context);
+
+// av_audio_fifo_alloc / av_audio_fifo_free.
+KVAVGLUE_EXPORT QSharedPointer<AVAudioFifo> makeAVAudioFifoPtr(AVSampleFormat format, int channels,
+                                                               int initialSamples);
 
 } // namespace Korvane

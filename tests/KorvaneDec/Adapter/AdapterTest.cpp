@@ -162,29 +162,94 @@ TEST(VideoFrameConverter, ConvertsOnlyWhatDiffers)
     EXPECT_EQ(converted->pts, 42);
 }
 
-TEST(AudioFrameConverter, ResamplesToTheAnnouncedForm)
+namespace {
+
+QSharedPointer<AVFrame> stereoFrame(int64_t pts, int samples = 1024)
 {
     auto frame = makeAVFramePtr();
     frame->sample_rate = 48000;
     frame->format = AV_SAMPLE_FMT_FLTP;
     av_channel_layout_default(&frame->ch_layout, 2);
-    frame->nb_samples = 4800;
-    ASSERT_GE(av_frame_get_buffer(frame.data(), 0), 0);
-    frame->pts = 7;
+    frame->nb_samples = samples;
+    if (av_frame_get_buffer(frame.data(), 0) < 0) {
+        return {};
+    }
+    frame->pts = pts;
+    return frame;
+}
+
+} // namespace
+
+TEST(AudioFrameConverter, ResamplesToTheOutputForm)
+{
     AVChannelLayout mono{};
     av_channel_layout_default(&mono, 1);
-    QString error;
-    AudioFrameConverter same(48000, AV_SAMPLE_FMT_FLTP, frame->ch_layout);
-    EXPECT_EQ(same.convert(frame, &error).data(), frame.data());
-    AudioFrameConverter converter(24000, AV_SAMPLE_FMT_S16, mono);
-    const auto converted = converter.convert(frame, &error);
-    ASSERT_FALSE(converted.isNull()) << error.toStdString();
-    EXPECT_EQ(converted->format, AV_SAMPLE_FMT_S16);
-    EXPECT_EQ(converted->ch_layout.nb_channels, 1);
-    EXPECT_NEAR(converted->nb_samples, 2400, 40);
-    EXPECT_EQ(converted->pts, 7);
+    AudioFrameConverter converter(24000, AV_SAMPLE_FMT_S16, mono, {1, 48000}, 0.0);
     av_channel_layout_uninit(&mono);
+    QString error;
+    int samples = 0;
+    for (int i = 0; i < 5; ++i) {
+        const auto converted = converter.convert(stereoFrame(i * 960, 960), &error);
+        ASSERT_FALSE(converted.isNull()) << error.toStdString();
+        EXPECT_EQ(converted->format, AV_SAMPLE_FMT_S16);
+        EXPECT_EQ(converted->ch_layout.nb_channels, 1);
+        EXPECT_EQ(converted->pts, samples);
+        samples += converted->nb_samples;
+    }
+    samples += converter.flush(&error)->nb_samples;
+    EXPECT_NEAR(samples, 2400, 2);
 }
+
+// Timestamps in, samples out, at one rate: the output clock counts samples
+// and follows the input's times only past the drift limit (960 samples).
+struct ClockCase
+{
+    const char* name;
+    double startSeconds;
+    QList<int64_t> inputPts; // 1024 samples each; AV_NOPTS_VALUE: none
+    int64_t firstPts;
+    int64_t totalSamples;
+};
+
+class SampleClock : public ::testing::TestWithParam<ClockCase>
+{};
+
+TEST_P(SampleClock, CountsSamplesFillsGapsAndDropsOverlaps)
+{
+    const ClockCase& c = GetParam();
+    AVChannelLayout stereo{};
+    av_channel_layout_default(&stereo, 2);
+    AudioFrameConverter converter(48000, AV_SAMPLE_FMT_S16, stereo, {1, 48000}, c.startSeconds);
+    QString error;
+    std::optional<int64_t> first;
+    int64_t next = 0;
+    for (const int64_t pts : c.inputPts) {
+        const auto out = converter.convert(stereoFrame(pts), &error);
+        ASSERT_FALSE(out.isNull()) << error.toStdString();
+        if (!first) {
+            first = next = out->pts;
+        }
+        EXPECT_EQ(out->pts, next); // never backwards, never a hole
+        next = out->pts + out->nb_samples;
+    }
+    EXPECT_EQ(*first, c.firstPts);
+    EXPECT_EQ(next - c.firstPts, c.totalSamples);
+    EXPECT_EQ(converter.nextPts(), next);
+}
+
+constexpr int64_t kNoPts = AV_NOPTS_VALUE;
+
+INSTANTIATE_TEST_SUITE_P(
+    Adapter, SampleClock,
+    ::testing::Values(ClockCase{"contiguous", 0.0, {0, 1024, 2048}, 0, 3072},
+                      ClockCase{"small_jitter_kept", 0.0, {0, 1024 + 480, 2048}, 0, 3072},
+                      ClockCase{"gap_filled", 0.0, {0, 1024 + 4800, 2048 + 4800}, 0, 3072 + 4800},
+                      ClockCase{"repeated_time_dropped", 0.0, {0, 0, 1024}, 0, 2048},
+                      ClockCase{"missing_times_continue", 0.0, {0, kNoPts, kNoPts}, 0, 3072},
+                      ClockCase{"late_start_is_silence", 0.0, {2400, 3424}, 0, 2048 + 2400},
+                      ClockCase{
+                          "before_start_dropped", 0.05, {0, 1024, 2048, 3072}, 2400, 4096 - 2400}),
+    [](const ::testing::TestParamInfo<ClockCase>& info) { return std::string(info.param.name); });
 
 TEST(StillPicture, LoadsPicturesAndNamesMissingOnes)
 {

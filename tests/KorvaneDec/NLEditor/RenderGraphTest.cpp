@@ -111,30 +111,32 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
     brightness.name = QStringLiteral("Brightness");
     sideBySide.videoFilters = {anaglyph, contrast, brightness};
 
+    MediaClip toEnd = plain;
+    toEnd.toFileEnd = true;
     const QList<Row> rows = {
         {"cut_only",
          plain,
          picture(160, 120),
          {160, 120},
-         "trim=start=0.5:end=1.5,setpts=(PTS-STARTPTS)/1,scale=160:120,setsar=1"},
+         "trim=start=0.5:end=1.5,setpts=(PTS-0.5/TB)/1,scale=160:120,setsar=1"},
         {"crop_then_turn",
          cropped,
          picture(160, 120),
          {160, 120},
-         "trim=start=0:end=2,setpts=(PTS-STARTPTS)/2,crop=w=80:h=120:x=40:y=0:exact=1,"
+         "trim=start=0:end=2,setpts=(PTS-0/TB)/2,crop=w=80:h=120:x=40:y=0:exact=1,"
          "scale=80:120,transpose=clock,pad=160:120:(ow-iw)/2:(oh-ih)/2:black,setsar=1"},
         {"flips_scale_box_to_canvas",
          scaled,
          picture(160, 120),
          {160, 120},
-         "trim=start=0:end=1,setpts=(PTS-STARTPTS)/1,hflip,vflip,scale=320:240,scale=640:240,"
+         "trim=start=0:end=1,setpts=(PTS-0/TB)/1,hflip,vflip,scale=320:240,scale=640:240,"
          "crop=320:240,scale=160:120,setsar=1"},
         {"file_rotation_and_fields",
          plain,
          interlacedTurned,
          {160, 120},
          "yadif=mode=send_frame:deint=interlaced,trim=start=0.5:end=1.5,"
-         "setpts=(PTS-STARTPTS)/1,transpose=cclock,scale=160:120,setsar=1"},
+         "setpts=(PTS-0.5/TB)/1,transpose=cclock,scale=160:120,setsar=1"},
         {"still_picture",
          plain,
          still,
@@ -144,12 +146,17 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
          plain,
          anamorphic,
          {1280, 720},
-         "trim=start=0.5:end=1.5,setpts=(PTS-STARTPTS)/1,scale=1280:720,setsar=1"},
+         "trim=start=0.5:end=1.5,setpts=(PTS-0.5/TB)/1,scale=1280:720,setsar=1"},
+        {"to_the_file_end",
+         toEnd,
+         picture(160, 120),
+         {160, 120},
+         "trim=start=0.5,setpts=(PTS-0.5/TB)/1,scale=160:120,setsar=1"},
         {"anaglyph_then_colour",
          sideBySide,
          picture(320, 120),
          {160, 120},
-         "trim=start=0:end=1,setpts=(PTS-STARTPTS)/1,stereo3d=sbsl:arcc,eq=contrast=1.5,"
+         "trim=start=0:end=1,setpts=(PTS-0/TB)/1,stereo3d=sbsl:arcc,eq=contrast=1.5,"
          "scale=160:120,setsar=1"},
     };
     for (const Row& row : rows) {
@@ -186,10 +193,12 @@ TEST(ClipAudioChain, CutsRetimesFiltersAndPlaces)
     c.audioFilters.append({QStringLiteral("Volume"), 50});
     c.audioFilters.append({QStringLiteral("Echo"), 10});
     EXPECT_EQ(clipAudioChain(c, true),
-              "atrim=start=0.5:end=1.5,asetpts=PTS-STARTPTS,atempo=2,volume=0.5,"
+              "atrim=start=0.5:end=1.5,asetpts=PTS-0.5/TB,atempo=2,volume=0.5,"
               "adelay=delays=1500:all=1");
     EXPECT_EQ(clipAudioChain(c, false),
-              "atrim=start=0.5:end=1.5,asetpts=PTS-STARTPTS,atempo=2,volume=0.5");
+              "atrim=start=0.5:end=1.5,asetpts=PTS-0.5/TB,atempo=2,volume=0.5");
+    c.toFileEnd = true;
+    EXPECT_EQ(clipAudioChain(c, false), "atrim=start=0.5,asetpts=PTS-0.5/TB,atempo=2,volume=0.5");
 }
 
 TEST(ImageClip, ChainAndOverlayFollowTheClip)
@@ -218,6 +227,7 @@ TEST(BuildVideoGraph, ParsesWithOneSourcePerClipAndImage)
 {
     VideoGraphRequest request;
     request.clips = {clip(0, 1000), clip(1500, 500)};
+    request.clips[1].toFileEnd = true;
     request.pictures = {picture(160, 120), picture(160, 120)};
     ImageClip image;
     image.center = QPoint(20, 20);
@@ -229,6 +239,10 @@ TEST(BuildVideoGraph, ParsesWithOneSourcePerClipAndImage)
     request.output = QSize(320, 240);
     request.fps = 29.97;
     const QString text = buildVideoGraph(request);
+    // Each clip at the output rate from its range's start, cut to its
+    // length unless the file's end decides.
+    EXPECT_TRUE(text.contains("setsar=1,fps=29.97:start_time=0,trim=end=1[c0]"));
+    EXPECT_TRUE(text.contains("setsar=1,fps=29.97:start_time=0[c1]"));
     EXPECT_TRUE(text.contains("concat=n=2:v=1:a=0,fps=29.97[base0]"));
     EXPECT_TRUE(text.contains("scale=320:240,format=pix_fmts=yuv420p[vout]"));
     EXPECT_TRUE(text.contains("[s0]scale=160:90[sp0];[base1][sp0]overlay=x=(W-w)/2:y=(H-h)/2:"));
@@ -263,6 +277,11 @@ TEST(BuildAudioGraph, MixesMainTrackAndPlacedClips)
     ASSERT_TRUE(parseLabels(text, &inputs, &outputs));
     EXPECT_EQ(inputs, QStringList({"a0", "x0"}));
     EXPECT_EQ(outputs, QStringList({"aout"}));
+
+    // A length that rests on a file's header is not padded to.
+    request.mainClips[1].toFileEnd = true;
+    EXPECT_TRUE(buildAudioGraph(request).contains("[amain][cx0]amix=inputs=2:duration=longest:"
+                                                  "normalize=0,aformat="));
 
     request.mainAudio = {ClipAudio{false}, ClipAudio{false}};
     request.audioClips.clear();

@@ -4,6 +4,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QHash>
 #include <QJsonDocument>
 #include <QProcess>
 #include <QRegularExpression>
@@ -141,6 +142,7 @@ Probe probe(const QString& path)
             result.height = stream.value("height").toInt();
             result.videoCodec = stream.value("codec_name").toString();
             result.videoDuration = stream.value("duration").toString().toDouble();
+            result.videoFrames = stream.value("nb_frames").toString().toInt();
             const QStringList rate = stream.value("avg_frame_rate").toString().split('/');
             if (rate.size() == 2 && rate[1].toDouble() > 0) {
                 result.frameRate = rate[0].toDouble() / rate[1].toDouble();
@@ -156,6 +158,32 @@ Probe probe(const QString& path)
         }
     }
     return result;
+}
+
+bool packetTimesIncrease(const QString& path)
+{
+    QByteArray out;
+    if (TestMedia::run(
+            TestMedia::ffprobe(),
+            {"-v", "error", "-show_entries", "packet=stream_index,dts", "-of", "csv=p=0", path},
+            &out) != 0 ||
+        out.isEmpty()) {
+        return false;
+    }
+    QHash<int, qint64> last;
+    for (const QByteArray& line : out.split('\n')) {
+        const QList<QByteArray> fields = line.trimmed().split(',');
+        if (fields.size() != 2) {
+            continue;
+        }
+        const int stream = fields[0].toInt();
+        const qint64 dts = fields[1].toLongLong();
+        if (last.contains(stream) && dts <= last.value(stream)) {
+            return false;
+        }
+        last.insert(stream, dts);
+    }
+    return true;
 }
 
 namespace {

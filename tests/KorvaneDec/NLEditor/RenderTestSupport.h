@@ -42,6 +42,7 @@ struct Probe
     QString audioCodec;
     double formatDuration = 0.0; // seconds
     double videoDuration = 0.0;
+    int videoFrames = 0;
     double audioDuration = 0.0;
     int sampleRate = 0;
     int channels = 0;
@@ -49,6 +50,9 @@ struct Probe
     QJsonObject tags;
 };
 Probe probe(const QString& path);
+
+// True when every stream's packets of a file have increasing decoding times.
+bool packetTimesIncrease(const QString& path);
 
 // SSIM ("All") of two videos of the same size, over their common frames.
 double ssim(const QString& a, const QString& b);

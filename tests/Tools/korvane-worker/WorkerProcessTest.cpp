@@ -9,10 +9,13 @@
 
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QJsonDocument>
 #include <QProcess>
+#include <QSaveFile>
+#include <QtEndian>
 
 #include <gtest/gtest.h>
 
@@ -45,7 +48,14 @@ WorkerRun runWorker(const QStringList& args,
     if (!process.waitForStarted()) {
         return run;
     }
+    // A worker that never ends (a header's length taken for real) fails here
+    // rather than at the suite's time limit.
+    QElapsedTimer clock;
+    clock.start();
     while (process.state() != QProcess::NotRunning || process.canReadLine()) {
+        if (clock.hasExpired(120000)) {
+            process.kill();
+        }
         if (!process.canReadLine() && !process.waitForReadyRead(200)) {
             continue;
         }
@@ -271,3 +281,131 @@ TEST(WorkerProcess, ConvertWithoutOutputSizeKeepsTheSourceSize)
     EXPECT_EQ(p.audioStreams, 0); // the job keeps no sound
     EXPECT_NEAR(p.videoDuration, 2.0, 0.1);
 }
+
+namespace {
+
+QStringList pictureAndTone(int seconds = 2)
+{
+    return {"-f", "lavfi",
+            "-i", QStringLiteral("testsrc2=size=160x120:rate=25:duration=%1").arg(seconds),
+            "-f", "lavfi",
+            "-i", QStringLiteral("sine=frequency=440:sample_rate=44100:duration=%1").arg(seconds)};
+}
+
+// The 2 s picture and tone in a container, with these codecs.
+std::function<QString()> madeWith(const char* name, const QStringList& codecs)
+{
+    return [=] {
+        return TestMedia::generate(QStringLiteral("engine/%1").arg(QLatin1String(name)),
+                                   pictureAndTone() + codecs);
+    };
+}
+
+// A fragmented MP4 whose header claims 39.8 hours for its one second:
+// the movie and picture track lengths are written over.
+QString fragmentWithWrongLength()
+{
+    const QString fragmented = TestMedia::generate(
+        QStringLiteral("engine/fragmented-1s.mp4"),
+        pictureAndTone(1) + QStringList{"-c:v", "libx264", "-bf", "0", "-c:a", "aac", "-movflags",
+                                        "frag_keyframe+empty_moov+default_base_moof"});
+    const QString patched = TestMedia::dir() + QStringLiteral("/engine/fragmented-claims-40h.mp4");
+    QFile in(fragmented);
+    if (fragmented.isEmpty() || !in.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    QByteArray data = in.readAll();
+    const qint64 claimedSeconds = 143280;
+    for (const char* box : {"mvhd", "mdhd"}) {
+        // Version 0 boxes: the duration follows two dates and the time scale.
+        const int at = data.indexOf(box);
+        if (at < 0) {
+            return {};
+        }
+        const quint32 scale = qFromBigEndian<quint32>(data.constData() + at + 16);
+        qToBigEndian(quint32(claimedSeconds * scale), data.data() + at + 20);
+    }
+    QSaveFile out(patched);
+    if (!out.open(QIODevice::WriteOnly) || out.write(data) != data.size() || !out.commit()) {
+        return {};
+    }
+    return patched;
+}
+
+struct RealInputCase
+{
+    const char* name;
+    std::function<QString()> make;
+    int audioStream; // the file's stream index of the sound kept
+    double seconds;  // what the input really presents
+    int pictures;    // frames at 25 fps; 0 for a sound file
+};
+
+class RealInputs : public ::testing::TestWithParam<RealInputCase>
+{};
+
+} // namespace
+
+// Inputs whose sound is not AAC, whose timestamps overlap, start late or
+// shift, or whose header misstates the length: each converts to what it
+// holds, with the sound beside the picture and packets in order.
+TEST_P(RealInputs, ConvertToWhatTheyPresent)
+{
+    const RealInputCase& c = GetParam();
+    Korvane::ConvertSource source;
+    source.filePath = c.make();
+    ASSERT_FALSE(source.filePath.isEmpty());
+    source.selfAudios = {c.audioStream};
+    const QString sourceFile =
+        writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
+    const QString output = outputPath(QStringLiteral("%1.mp4").arg(c.name));
+    const WorkerRun run =
+        runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output)});
+    ASSERT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
+    const Probe p = probe(output);
+    EXPECT_NEAR(p.formatDuration, c.seconds, 0.06);
+    EXPECT_EQ(p.audioStreams, 1);
+    EXPECT_NEAR(p.audioDuration, c.seconds, 0.03);
+    EXPECT_EQ(p.videoFrames, c.pictures);
+    EXPECT_TRUE(packetTimesIncrease(output));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Worker, RealInputs,
+    ::testing::Values(
+        // The AVI muxer repeats the last picture up to the sound: 51 frames.
+        RealInputCase{"mp3_in_avi", madeWith("mp3.avi", {"-c:v", "mpeg4", "-c:a", "libmp3lame"}), 1,
+                      2.04, 51},
+        // WMA's last block reaches 2.09 s.
+        RealInputCase{"wma_in_asf", madeWith("wma.wmv", {"-c:v", "wmv2", "-c:a", "wmav2"}), 1, 2.09,
+                      51},
+        RealInputCase{"ima_adpcm_in_wav", madeWith("adpcm.wav", {"-vn", "-c:a", "adpcm_ima_wav"}),
+                      0, 2.04, 0},
+        // MPEG-TS starts its clock at 1.4 s.
+        RealInputCase{"mp2_in_ts", madeWith("mp2.ts", {"-c:v", "mpeg2video", "-c:a", "mp2"}), 1,
+                      2.0, 50},
+        // The sound outlasts the picture and stays whole; a short one is
+        // filled with silence to the picture's end.
+        RealInputCase{"sound_outlasts_picture",
+                      madeWith("long-sound.mp4",
+                               {"-vf", "trim=duration=1", "-c:v", "libx264", "-c:a", "aac"}),
+                      1, 2.0, 25},
+        RealInputCase{"picture_outlasts_sound",
+                      madeWith("short-sound.mp4",
+                               {"-af", "atrim=duration=1", "-c:v", "libx264", "-c:a", "aac"}),
+                      1, 2.0, 50},
+        // Its average rate reads as 24 fps: the 25 frames last 1.04 s.
+        RealInputCase{"header_claims_40_hours", fragmentWithWrongLength, 1, 1.04, 25},
+        // The picture's edit list starts it at 1 s: its first frame shows from 0.
+        RealInputCase{"picture_shifted_by_edit_list",
+                      [] {
+                          const QString plain =
+                              madeWith("plain-2s.mp4", {"-c:v", "libx264", "-c:a", "aac"})();
+                          return TestMedia::generate("engine/shifted-picture.mp4",
+                                                     {"-itsoffset", "1", "-i", plain, "-i", plain,
+                                                      "-map", "0:v", "-map", "1:a", "-c", "copy"});
+                      },
+                      1, 3.0, 75}),
+    [](const ::testing::TestParamInfo<RealInputCase>& info) {
+        return std::string(info.param.name);
+    });
