@@ -87,6 +87,10 @@ QString mainClipVideoChain(const MediaClip& clip, const SourcePicture& picture, 
                 .arg(seconds(clip.rangeBeginMs), seconds(clip.rangeBeginMs + clip.rangeLengthMs)));
         chain.append(QStringLiteral("setpts=(PTS-STARTPTS)/%1").arg(num(clip.speed)));
     }
+    // Every later step works on the SDR picture.
+    if (!picture.toneMap.isEmpty()) {
+        chain.append(picture.toneMap);
+    }
 
     // The file's own display rotation first: the document's crop and
     // transform describe the picture as it is shown.

@@ -169,6 +169,8 @@ bool TimelineFeeder::openNextMain(QString* error)
     mVideoOpen = mPlan.wantVideo && main.hasVideo;
     mAudioOpen = mPlan.wantAudio && main.hasAudio;
     mVideoPosMs = mAudioPosMs = main.clip.timelinePosMs;
+    mVideoLastPts = AV_NOPTS_VALUE;
+    mVideoStep = 0;
     if ((mVideoOpen && !main.still) || mAudioOpen) {
         mSource = MediaSource::open(main.clip.filePath, mVideoOpen && !main.still, mAudioOpen,
                                     main.clip.fileAudioStreamIndex, error);
@@ -187,13 +189,37 @@ bool TimelineFeeder::openNextMain(QString* error)
     return true;
 }
 
+// The picture ends where its last frame's time is over, not where it
+// starts: closed at the last pts, the graph's fps filter would drop that
+// frame. Never past the clip's range, which the graph cuts at.
+bool TimelineFeeder::endMainVideo(const QString& videoLabel, QString* error)
+{
+    mVideoOpen = false;
+    const MainClipPlan& main = mPlan.mains[mCurrent];
+    AVFilterContext* source = mGraphs.source(videoLabel);
+    if (mVideoLastPts == AV_NOPTS_VALUE) {
+        return endSource(source, error);
+    }
+    const AVRational timeBase = main.video.timeBase;
+    qint64 step = mVideoStep;
+    if (step <= 0 && main.video.frameRate.num > 0 && main.video.frameRate.den > 0) {
+        step = av_rescale_q(1, av_inv_q(main.video.frameRate), timeBase);
+    }
+    const qint64 rangeEnd = av_rescale_q(main.clip.rangeBeginMs + main.clip.rangeLengthMs,
+                                         AVRational{1, 1000}, timeBase);
+    const qint64 end = qMax(mVideoLastPts, qMin(mVideoLastPts + step, rangeEnd));
+    const int ret = av_buffersrc_close(source, end, 0);
+    if (ret < 0 && ret != AVERROR_EOF) {
+        *error = ffFailure(QStringLiteral("cannot end a filter source"), ret);
+        return false;
+    }
+    return true;
+}
+
 bool TimelineFeeder::endMain(const QString& videoLabel, const QString& audioLabel, QString* error)
 {
-    if (mVideoOpen && !mPlan.mains[mCurrent].still) {
-        mVideoOpen = false;
-        if (!endSource(mGraphs.source(videoLabel), error)) {
-            return false;
-        }
+    if (mVideoOpen && !mPlan.mains[mCurrent].still && !endMainVideo(videoLabel, error)) {
+        return false;
     }
     if (mAudioOpen) {
         mAudioOpen = false;
@@ -240,9 +266,13 @@ bool TimelineFeeder::stepMain(QString* error)
         }
         mVideoPosMs = posMs;
         if (decoded.seconds >= endSeconds) {
-            mVideoOpen = false;
-            return endSource(mGraphs.source(videoLabel), error);
+            return endMainVideo(videoLabel, error);
         }
+        const qint64 pts = decoded.frame->pts;
+        if (mVideoLastPts != AV_NOPTS_VALUE && pts > mVideoLastPts) {
+            mVideoStep = pts - mVideoLastPts;
+        }
+        mVideoLastPts = qMax(pts, mVideoLastPts == AV_NOPTS_VALUE ? pts : mVideoLastPts);
         return pushVideo(decoded.frame, error);
     }
     if (!mAudioOpen) {

@@ -58,6 +58,7 @@ private:
     bool openNextMain(QString* error);
     bool stepMain(QString* error);
     bool endMain(const QString& videoLabel, const QString& audioLabel, QString* error);
+    bool endMainVideo(const QString& videoLabel, QString* error);
     bool pushVideo(const QSharedPointer<AVFrame>& frame, QString* error);
     bool pushAudio(AVFilterContext* source, AudioFrameConverter* converter,
                    const QSharedPointer<AVFrame>& frame, QString* error);
@@ -79,6 +80,10 @@ private:
     double mVideoPosMs = 0.0;
     double mAudioPosMs = 0.0;
     qint64 mStillIndex = 0;
+    // The main video's last pts and the step to it, in its stream's time
+    // base: its end is one frame after its last frame.
+    qint64 mVideoLastPts = AV_NOPTS_VALUE;
+    qint64 mVideoStep = 0;
 
     std::vector<ExtraState> mExtras;
     std::vector<SubtitleState> mSubtitles;

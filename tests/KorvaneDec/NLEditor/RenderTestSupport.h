@@ -30,7 +30,7 @@ QJsonObject transform(int bgW, int bgH, const QString& crop = QStringLiteral("0,
 QJsonObject document(int width, int height, double fps, const QJsonArray& clips,
                      const QJsonArray& extraTracks = {});
 
-// ffprobe facts of a file.
+// ffprobe facts of a file; `countFrames` decodes the video to count them.
 struct Probe
 {
     int videoStreams = 0;
@@ -46,9 +46,12 @@ struct Probe
     int sampleRate = 0;
     int channels = 0;
     double frameRate = 0.0;
+    int videoFrames = 0; // counted by decoding
+    // pixel format, primaries, transfer, matrix, range, as ffprobe names them
+    QStringList colour;
     QJsonObject tags;
 };
-Probe probe(const QString& path);
+Probe probe(const QString& path, bool countFrames = false);
 
 // SSIM ("All") of two videos of the same size, over their common frames.
 double ssim(const QString& a, const QString& b);
