@@ -388,7 +388,12 @@ bool MediaSource::next(DecodedFrame* out, QString* error)
             // As the ffmpeg program does, a read error ends the file: what
             // was read so far is kept.
             if (ret != AVERROR_EOF) {
-                qCDebug(lcMediaSource) << "reading" << mPath << "stopped:" << ffErrorText(ret);
+                Korvane::Record("Korvane::MediaSource::next", __LINE__,
+                                "KorvaneDec/Adapter/MediaSource", nullptr, 0)
+                    << ffFailure(QStringLiteral("reading \"%1\" stopped early, keeping what "
+                                                "was read")
+                                     .arg(mPath),
+                                 ret);
             }
             startDraining();
             continue;
