@@ -1,5 +1,6 @@
 #include "Adapter/MediaSource.h"
 
+#include "KorvaneBase/Record.h"
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"
 
@@ -9,6 +10,7 @@
 
 extern "C" {
 #include <libavutil/display.h>
+#include <libavutil/pixdesc.h>
 }
 
 // Debug chatter is off unless QT_LOGGING_RULES turns it on.
@@ -78,6 +80,21 @@ qint64 frameDuration(const AVFrame& frame, AVRational frameRate, AVRational time
     return av_rescale_q(1, period, timeBase);
 }
 
+bool isFullRangeFormat(AVPixelFormat format)
+{
+    return format == AV_PIX_FMT_YUVJ420P || format == AV_PIX_FMT_YUVJ422P ||
+           format == AV_PIX_FMT_YUVJ444P || format == AV_PIX_FMT_YUVJ440P ||
+           format == AV_PIX_FMT_YUVJ411P;
+}
+
+void describeColour(const AVCodecParameters* par, AVPixelFormat format, VideoStreamFacts* facts)
+{
+    facts->primaries = par->color_primaries;
+    facts->transfer = par->color_trc;
+    facts->matrix = par->color_space;
+    facts->range = isFullRangeFormat(format) ? AVCOL_RANGE_JPEG : par->color_range;
+}
+
 int chooseAudioStream(AVFormatContext* format, int choice)
 {
     if (choice >= 0 && choice < static_cast<int>(format->nb_streams) &&
@@ -98,7 +115,25 @@ int chooseAudioStream(AVFormatContext* format, int choice)
 
 } // namespace
 
-MediaSource::~MediaSource() = default;
+MediaSource::~MediaSource()
+{
+    logSkipped(mVideoCounts, mVideo.streamIndex, "video");
+    logSkipped(mAudioCounts, mAudio.streamIndex, "audio");
+}
+
+void MediaSource::logSkipped(const StreamCounts& counts, int streamIndex, const char* kind) const
+{
+    if (counts.skipped == 0) {
+        return;
+    }
+    Korvane::Record("Korvane::MediaSource::next", __LINE__, "KorvaneDec/Adapter/MediaSource",
+                    nullptr, 0)
+        << QStringLiteral("skipped %1 undecodable packets of the %2 stream #%3 of \"%4\"")
+               .arg(counts.skipped)
+               .arg(QLatin1String(kind))
+               .arg(streamIndex)
+               .arg(mPath);
+}
 
 std::unique_ptr<MediaSource> MediaSource::open(const QString& path, bool wantVideo, bool wantAudio,
                                                int audioChoice, QString* error)
@@ -126,8 +161,10 @@ std::unique_ptr<MediaSource> MediaSource::open(const QString& path, bool wantVid
     if (wantVideo) {
         for (unsigned i = 0; i < raw->nb_streams; ++i) {
             AVStream* stream = raw->streams[i];
+            // A stream whose format no packet revealed has nothing to show.
             if (stream->codecpar->codec_type != AVMEDIA_TYPE_VIDEO ||
-                (stream->disposition & AV_DISPOSITION_ATTACHED_PIC)) {
+                (stream->disposition & AV_DISPOSITION_ATTACHED_PIC) ||
+                stream->codecpar->format == AV_PIX_FMT_NONE) {
                 continue;
             }
             source->mVideoDecoder = openDecoder(stream, error);
@@ -141,13 +178,14 @@ std::unique_ptr<MediaSource> MediaSource::open(const QString& path, bool wantVid
             facts.width = source->mVideoDecoder->width;
             facts.height = source->mVideoDecoder->height;
             facts.pixelFormat = source->mVideoDecoder->pix_fmt;
-            facts.sampleAspect = stream->codecpar->sample_aspect_ratio;
+            facts.sampleAspect = av_guess_sample_aspect_ratio(raw, stream, nullptr);
             facts.timeBase = stream->time_base;
             facts.frameRate = av_guess_frame_rate(raw, stream, nullptr);
             facts.rotation = displayRotation(stream);
             const AVFieldOrder order = stream->codecpar->field_order;
             facts.interlaced = order == AV_FIELD_TT || order == AV_FIELD_BB ||
                                order == AV_FIELD_TB || order == AV_FIELD_BT;
+            describeColour(stream->codecpar, facts.pixelFormat, &facts);
             break;
         }
     }
@@ -247,13 +285,24 @@ bool MediaSource::seek(qint64 ms, QString* error)
     mDraining = mVideoDrained = mAudioDrained = false;
     mNextVideoPts = av_rescale_q(ms, AVRational{1, 1000}, mVideo.timeBase);
     mNextAudioPts = av_rescale_q(ms, AVRational{1, 1000}, mAudio.timeBase);
+    mSeeked = true;
+    if (mPacketPending) {
+        av_packet_unref(mPacket.data());
+        mPacketPending = false;
+    }
     return true;
 }
 
 bool MediaSource::receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* out, QString* error)
 {
+    StreamCounts& counts = isVideo ? mVideoCounts : mAudioCounts;
     auto frame = makeAVFramePtr();
-    const int ret = avcodec_receive_frame(decoder, frame.data());
+    int ret = avcodec_receive_frame(decoder, frame.data());
+    // A frame the decoder lost is skipped; the next packets resynchronise it.
+    while (ret < 0 && ret != AVERROR(EAGAIN) && ret != AVERROR_EOF && ret != AVERROR(ENOMEM)) {
+        ++counts.skipped;
+        ret = avcodec_receive_frame(decoder, frame.data());
+    }
     if (ret == AVERROR(EAGAIN)) {
         return false;
     }
@@ -265,6 +314,7 @@ bool MediaSource::receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* o
         *error = ffFailure(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
         return false;
     }
+    ++counts.frames;
     const AVRational timeBase = isVideo ? mVideo.timeBase : mAudio.timeBase;
     qint64& nextPts = isVideo ? mNextVideoPts : mNextAudioPts;
     qint64 pts = frame->best_effort_timestamp;
@@ -278,6 +328,61 @@ bool MediaSource::receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* o
     out->isVideo = isVideo;
     out->frame = frame;
     out->seconds = pts * av_q2d(timeBase);
+    return true;
+}
+
+void MediaSource::startDraining()
+{
+    mDraining = true;
+    for (AVCodecContext* decoder : {mVideoDecoder.data(), mAudioDecoder.data()}) {
+        if (decoder && avcodec_send_packet(decoder, nullptr) < 0) {
+            // Already drained or never fed: nothing more will come out.
+            (decoder == mVideoDecoder.data() ? mVideoDrained : mAudioDrained) = true;
+        }
+    }
+}
+
+void MediaSource::checkYield(QString* error) const
+{
+    const auto skippedText = [](const StreamCounts& counts) {
+        return QStringLiteral("%1 undecodable packets").arg(counts.skipped);
+    };
+    if (mSeeked) {
+        return;
+    }
+    if (mVideoDecoder && mVideoCounts.frames == 0) {
+        *error = QStringLiteral("no picture of \"%1\" could be decoded (%2)")
+                     .arg(mPath, skippedText(mVideoCounts));
+    } else if (mAudioDecoder && mAudioCounts.frames == 0) {
+        *error = QStringLiteral("no sound of \"%1\" could be decoded (%2)")
+                     .arg(mPath, skippedText(mAudioCounts));
+    }
+}
+
+// Sends the packet read last to its decoder. A packet the decoder refuses
+// is skipped and counted; one it cannot take yet waits for the next call.
+bool MediaSource::sendPacket(QString* error)
+{
+    const bool video = mVideoDecoder && mPacket->stream_index == mVideo.streamIndex;
+    const bool audio = mAudioDecoder && mPacket->stream_index == mAudio.streamIndex;
+    if (video || audio) {
+        const int ret = avcodec_send_packet(video ? mVideoDecoder.data() : mAudioDecoder.data(),
+                                            mPacket.data());
+        if (ret == AVERROR(EAGAIN)) {
+            mPacketPending = true;
+            return true;
+        }
+        if (ret == AVERROR(ENOMEM)) {
+            av_packet_unref(mPacket.data());
+            *error = ffFailure(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
+            return false;
+        }
+        if (ret < 0) {
+            ++(video ? mVideoCounts : mAudioCounts).skipped;
+        }
+    }
+    mPacketPending = false;
+    av_packet_unref(mPacket.data());
     return true;
 }
 
@@ -299,41 +404,38 @@ bool MediaSource::next(DecodedFrame* out, QString* error)
         }
         if (mDraining) {
             if ((!mVideoDecoder || mVideoDrained) && (!mAudioDecoder || mAudioDrained)) {
+                checkYield(error);
                 return false;
             }
             continue;
         }
-        int ret = av_read_frame(mFormat.data(), mPacket.data());
-        if (ret == AVERROR_EOF) {
-            mDraining = true;
-            if (mVideoDecoder) {
-                avcodec_send_packet(mVideoDecoder.data(), nullptr);
+        if (mPacketPending) {
+            if (!sendPacket(error)) {
+                return false;
             }
-            if (mAudioDecoder) {
-                avcodec_send_packet(mAudioDecoder.data(), nullptr);
-            }
+            continue;
+        }
+        const int ret = av_read_frame(mFormat.data(), mPacket.data());
+        if (ret == AVERROR(EAGAIN)) {
             continue;
         }
         if (ret < 0) {
-            *error = ffFailure(QStringLiteral("reading \"%1\" failed").arg(mPath), ret);
+            // As the ffmpeg program does, a read error ends the file: what
+            // was read so far is kept.
+            if (ret != AVERROR_EOF) {
+                Korvane::Record("Korvane::MediaSource::next", __LINE__,
+                                "KorvaneDec/Adapter/MediaSource", nullptr, 0)
+                    << ffFailure(QStringLiteral("reading \"%1\" stopped early, keeping what "
+                                                "was read")
+                                     .arg(mPath),
+                                 ret);
+            }
+            startDraining();
+            continue;
+        }
+        if (!sendPacket(error)) {
             return false;
         }
-        AVCodecContext* decoder = nullptr;
-        if (mVideoDecoder && mPacket->stream_index == mVideo.streamIndex) {
-            decoder = mVideoDecoder.data();
-        } else if (mAudioDecoder && mPacket->stream_index == mAudio.streamIndex) {
-            decoder = mAudioDecoder.data();
-        }
-        if (decoder) {
-            ret = avcodec_send_packet(decoder, mPacket.data());
-            // A damaged packet is skipped as players do; the decoder resyncs.
-            if (ret < 0 && ret != AVERROR(EAGAIN) && ret != AVERROR_INVALIDDATA) {
-                av_packet_unref(mPacket.data());
-                *error = ffFailure(QStringLiteral("decoding \"%1\" failed").arg(mPath), ret);
-                return false;
-            }
-        }
-        av_packet_unref(mPacket.data());
     }
 }
 

@@ -22,11 +22,19 @@ struct VideoStreamFacts
     int width = 0;
     int height = 0;
     AVPixelFormat pixelFormat = AV_PIX_FMT_NONE;
-    AVRational sampleAspect{0, 1}; // 0/1 when unknown (square)
+    // As the ffmpeg program takes it: the container's when it states one,
+    // else the bitstream's; 0/1 when unknown (square).
+    AVRational sampleAspect{0, 1};
     AVRational timeBase{1, 1000};
     AVRational frameRate{0, 1};
     int rotation = 0; // display rotation, degrees clockwise: 0, 90, 180 or 270
     bool interlaced = false;
+    // The colour the stream states; unspecified where it says nothing. A
+    // full-range ("yuvj") pixel format counts as a stated full range.
+    AVColorPrimaries primaries = AVCOL_PRI_UNSPECIFIED;
+    AVColorTransferCharacteristic transfer = AVCOL_TRC_UNSPECIFIED;
+    AVColorSpace matrix = AVCOL_SPC_UNSPECIFIED;
+    AVColorRange range = AVCOL_RANGE_UNSPECIFIED;
 };
 
 // Facts of the audio stream a clip plays, as the decoder delivers it.
@@ -53,6 +61,10 @@ struct DecodedFrame
 // A media file opened for playing one video stream and/or one audio stream.
 // Used by one thread at a time. Every FFmpeg object is owned here and freed
 // with the source.
+// Damaged data is skipped as the ffmpeg program skips it: a packet the
+// decoder refuses, or a frame it cannot finish, is counted and left out, and
+// a read error ends the file as its end would. When the source goes, it
+// writes one log record per stream that had such packets, with their count.
 class KORVANEADAPTER_EXPORT MediaSource
 {
 public:
@@ -89,19 +101,37 @@ public:
     // Positions reading at or before `ms` (from the start of the file).
     bool seek(qint64 ms, QString* error);
     // The next decoded frame of the chosen streams. Returns false at the end
-    // of the file (`error` empty) or on a read/decode failure (`error` set).
-    // A frame without any timestamp gets the end of the one before it.
+    // of the file (`error` empty), or with `error` set when the decoder runs
+    // out of memory or, read from its start, a chosen stream ended without
+    // a single frame. A frame without any timestamp gets the end of the one
+    // before it.
     bool next(DecodedFrame* out, QString* error);
 
 private:
+    // What one chosen stream went through, for the damage report.
+    struct StreamCounts
+    {
+        qint64 frames = 0;
+        qint64 skipped = 0;
+    };
+
     MediaSource() = default;
     bool receive(AVCodecContext* decoder, bool isVideo, DecodedFrame* out, QString* error);
+    bool sendPacket(QString* error);
+    void startDraining();
+    // Sets `error` when, read from its start, a chosen stream gave nothing.
+    void checkYield(QString* error) const;
+    void logSkipped(const StreamCounts& counts, int streamIndex, const char* kind) const;
 
     QString mPath;
     QSharedPointer<AVFormatContext> mFormat;
     QSharedPointer<AVCodecContext> mVideoDecoder;
     QSharedPointer<AVCodecContext> mAudioDecoder;
     QSharedPointer<AVPacket> mPacket;
+    bool mPacketPending = false; // refused with EAGAIN: sent again after a receive
+    bool mSeeked = false;        // a stream may rightly yield nothing past a seek
+    StreamCounts mVideoCounts;
+    StreamCounts mAudioCounts;
     VideoStreamFacts mVideo;
     AudioStreamFacts mAudio;
     qint64 mStartUs = 0;

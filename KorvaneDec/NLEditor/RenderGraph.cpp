@@ -110,6 +110,10 @@ QString mainClipVideoChain(const MediaClip& clip, const SourcePicture& picture, 
         chain.append(QStringLiteral("setpts=(PTS-%1/TB)/%2")
                          .arg(seconds(clip.rangeBeginMs), num(clip.speed)));
     }
+    // Every later step works on the SDR picture.
+    if (!picture.toneMap.isEmpty()) {
+        chain.append(picture.toneMap);
+    }
 
     // The file's own display rotation first: the document's crop and
     // transform describe the picture as it is shown.

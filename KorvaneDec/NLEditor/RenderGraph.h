@@ -26,6 +26,7 @@ struct SourcePicture
     int rotation = 0;          // display rotation of the file, degrees clockwise
     bool interlaced = false;
     bool still = false; // a picture repeated by the renderer: no cutting or retiming
+    QString toneMap;    // the chain that brings an HDR picture to SDR first; empty: none
 };
 
 // What a main clip or audio clip plays; `hasAudio` false gives silence.
@@ -82,7 +83,7 @@ KORVANENLEDITOR_EXPORT QSize fitInto(double aspect, const QSize& box);
 
 // The chain (one input, one output, no labels outside) that turns main
 // clip `clip`'s decoded picture into a canvas-sized picture: cut and
-// retime, display rotation, crop, flips, anaglyph, colour filters, fit into
+// retime, tone mapping, display rotation, crop, flips, anaglyph, colour filters, fit into
 // the clip's background box, rotation and scale about the centre, placing
 // on the box, and the box scaled to the canvas. `labelPrefix` names internal
 // pads.

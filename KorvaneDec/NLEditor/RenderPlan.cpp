@@ -16,6 +16,7 @@
 extern "C" {
 #include <libavformat/avformat.h>
 #include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
 }
 
 namespace Korvane {
@@ -266,6 +267,57 @@ bool planPictures(const ProjectDocument& doc, RenderPlan* plan, QString* error)
     return planSubtitles(doc, plan, error);
 }
 
+// The picture whose colour the output takes: the first clip that plays one
+// from its file. Null when only still pictures play.
+const VideoStreamFacts* firstPicture(const RenderPlan& plan)
+{
+    for (const MainClipPlan& main : plan.mains) {
+        if (main.hasVideo && !main.picture.still) {
+            return &main.video;
+        }
+    }
+    return nullptr;
+}
+
+// 4:2:0 in 8 bits, the format every player takes; an HEVC output of a deeper
+// picture keeps 10 bits, and with them an HDR picture stays HDR.
+AVPixelFormat choosePixelFormat(const RenderPlan& plan)
+{
+    const AVPixelFormat* formats = plan.videoCodec->pix_fmts;
+    if (!formats) {
+        return AV_PIX_FMT_YUV420P;
+    }
+    const VideoStreamFacts* picture = firstPicture(plan);
+    const AVPixFmtDescriptor* descriptor =
+        picture ? av_pix_fmt_desc_get(picture->pixelFormat) : nullptr;
+    const bool deep =
+        plan.videoCodec->id == AV_CODEC_ID_HEVC && descriptor && descriptor->comp[0].depth > 8;
+    AVPixelFormat chosen = formats[0];
+    for (const AVPixelFormat* f = formats; *f != AV_PIX_FMT_NONE; ++f) {
+        if (*f == AV_PIX_FMT_YUV420P10LE && deep) {
+            return *f;
+        }
+        if (*f == AV_PIX_FMT_YUV420P) {
+            chosen = *f;
+        }
+    }
+    return chosen;
+}
+
+// The output states the colour of its first picture; every HDR clip going
+// into fewer bits is tone-mapped first.
+void planColour(RenderPlan* plan)
+{
+    for (MainClipPlan& main : plan->mains) {
+        if (main.hasVideo && !main.picture.still) {
+            main.picture.toneMap = toneMapChain(main.video, plan->pixelFormat);
+        }
+    }
+    if (const VideoStreamFacts* picture = firstPicture(*plan)) {
+        plan->colour = outputColour(*picture, plan->pixelFormat);
+    }
+}
+
 const AVCodec* chooseEncoder(const QString& name, AVCodecID containerDefault, AVMediaType type,
                              const QString& asked, QString* error)
 {
@@ -301,15 +353,7 @@ bool chooseEncoders(const ProjectDocument& doc, const AVTaskOutputParam& out,
         if (!plan->videoCodec) {
             return false;
         }
-        plan->pixelFormat = AV_PIX_FMT_YUV420P;
-        if (const AVPixelFormat* formats = plan->videoCodec->pix_fmts) {
-            plan->pixelFormat = formats[0];
-            for (const AVPixelFormat* f = formats; *f != AV_PIX_FMT_NONE; ++f) {
-                if (*f == AV_PIX_FMT_YUV420P) {
-                    plan->pixelFormat = *f;
-                }
-            }
-        }
+        plan->pixelFormat = choosePixelFormat(*plan);
     }
     if (plan->wantAudio) {
         plan->audioCodec = chooseEncoder(audioEncoderName(out.audio.codecName), format->audio_codec,
@@ -401,7 +445,13 @@ bool makeRenderPlan(const ProjectDocument& doc, const AVTaskOutputParam& out, Re
         }
         error->clear();
     }
-    return chooseEncoders(doc, out, format, plan, error);
+    if (!chooseEncoders(doc, out, format, plan, error)) {
+        return false;
+    }
+    if (plan->wantVideo) {
+        planColour(plan);
+    }
+    return true;
 }
 
 } // namespace Korvane

@@ -4,6 +4,7 @@
 #include "Adapter/MediaSource.h"
 #include "Adapter/StillPicture.h"
 #include "Common/AVTaskOutputParam.h"
+#include "NLEditor/OutputColour.h"
 #include "NLEditor/ProjectDocument.h"
 #include "NLEditor/RenderGraph.h"
 
@@ -60,6 +61,7 @@ struct RenderPlan
     const AVCodec* videoCodec = nullptr;
     const AVCodec* audioCodec = nullptr;
     AVPixelFormat pixelFormat = AV_PIX_FMT_YUV420P;
+    ColourTags colour; // what the output states: the first clip's picture's
     int sampleRate = 48000;
     AVSampleFormat sampleFormat = AV_SAMPLE_FMT_FLTP;
     AVChannelLayout channelLayout{};

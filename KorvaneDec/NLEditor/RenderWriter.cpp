@@ -75,6 +75,10 @@ bool RenderWriter::openVideo(AVFormatContext* format, QString* error)
     enc->height = av_buffersink_get_h(mVideoSink);
     enc->pix_fmt = static_cast<AVPixelFormat>(av_buffersink_get_format(mVideoSink));
     enc->sample_aspect_ratio = AVRational{1, 1};
+    enc->color_primaries = mPlan.colour.primaries;
+    enc->color_trc = mPlan.colour.transfer;
+    enc->colorspace = mPlan.colour.matrix;
+    enc->color_range = mPlan.colour.range;
     enc->time_base = av_buffersink_get_time_base(mVideoSink);
     enc->framerate = av_buffersink_get_frame_rate(mVideoSink);
     if (enc->framerate.num > 0 && enc->framerate.den > 0) {

@@ -1,5 +1,6 @@
 // Renders small generated clips through the engine and measures the results
 // with ffprobe and the ffmpeg program.
+#include "LogCapture.h"
 #include "PictureSubtitleWriter.h"
 #include "RenderTestSupport.h"
 #include "TestMedia.h"
@@ -188,6 +189,88 @@ INSTANTIATE_TEST_SUITE_P(
     [](const ::testing::TestParamInfo<GeometryCase>& info) {
         return std::string(info.param.name);
     });
+
+struct ColourCase
+{
+    const char* name;
+    QStringList make;  // ffmpeg arguments that make the input from the test pattern
+    QString codec;     // of the output
+    QStringList tags;  // pixel format, primaries, transfer, matrix, range of the output
+    QString reference; // the look the output must have: the input through this chain
+};
+
+class Colour : public ::testing::TestWithParam<ColourCase>
+{};
+
+TEST_P(Colour, OutputStatesTheColourOfWhatItShows)
+{
+    const ColourCase& c = GetParam();
+    const QString source = TestMedia::generate(
+        QStringLiteral("engine/colour-%1.mp4").arg(c.name),
+        QStringList{"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=1"} + c.make);
+    ASSERT_FALSE(source.isEmpty());
+    QJsonObject clip = mainClip(source, 0, 1000, 0, 1.0, "video_only");
+    clip.insert("transform", transform(160, 120));
+    Korvane::AVTaskOutputParam out = h264Output(outputPath(QStringLiteral("%1.mp4").arg(c.name)));
+    out.video.codecName = c.codec;
+    const RenderOutcome outcome = render(document(160, 120, 25, {clip}), out);
+    ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+    EXPECT_EQ(probe(out.outputPath).colour.join(" ").toStdString(), c.tags.join(" ").toStdString());
+    const QString reference = outputPath(QStringLiteral("%1-ref.mp4").arg(c.name));
+    ASSERT_TRUE(ffmpeg({"-i", source, "-vf", c.reference, "-c:v", "libx264", "-crf", "10",
+                        "-pix_fmt", "yuv420p", reference}));
+    // Shown as players show it (decoded to RGB by its tags), the output
+    // looks like the reference: a wrong range or a missing tone mapping
+    // shifts every pixel by far more.
+    EXPECT_LT(pictureDifference(out.outputPath, reference, 0.5, 0, 0, 160, 120), 5.0);
+}
+
+const QString kToneMapped = QStringLiteral(
+    "zscale=t=linear:npl=100,format=gbrpf32le,zscale=p=bt709,tonemap=tonemap=hable:desat=0,"
+    "zscale=t=bt709:m=bt709:r=tv,format=yuv420p");
+const QStringList kPqClip = {
+    "-vf",
+    "zscale=tin=bt709:pin=bt709:min=bt709:t=smpte2084:p=bt2020:m=bt2020nc:npl=100,"
+    "format=yuv420p10le",
+    "-c:v",
+    "libx265",
+    "-x265-params",
+    "log-level=error",
+    "-color_trc",
+    "smpte2084",
+    "-color_primaries",
+    "bt2020",
+    "-colorspace",
+    "bt2020nc"};
+
+INSTANTIATE_TEST_SUITE_P(
+    Render, Colour,
+    ::testing::Values(
+        ColourCase{"bt601_kept",
+                   {"-c:v", "libx264", "-pix_fmt", "yuv420p", "-color_primaries", "smpte170m",
+                    "-color_trc", "smpte170m", "-colorspace", "smpte170m", "-color_range", "tv"},
+                   "h264",
+                   {"yuv420p", "smpte170m", "smpte170m", "smpte170m", "tv"},
+                   "null"},
+        // With no colour description, H.264 leaves limited range unsaid
+        // (its default); phones describe their full-range pictures.
+        ColourCase{"full_range_to_limited",
+                   {"-vf", "scale=out_range=pc,format=yuvj420p", "-c:v", "libx264",
+                    "-color_primaries", "bt709", "-color_trc", "bt709", "-colorspace", "bt709"},
+                   "h264",
+                   {"yuv420p", "bt709", "bt709", "bt709", "tv"},
+                   "null"},
+        ColourCase{"pq_tone_mapped",
+                   kPqClip,
+                   "h264",
+                   {"yuv420p", "bt709", "bt709", "bt709", "tv"},
+                   kToneMapped},
+        ColourCase{"pq_kept_in_hevc10",
+                   kPqClip,
+                   "hevc",
+                   {"yuv420p10le", "bt2020", "smpte2084", "bt2020nc", "tv"},
+                   "null"}),
+    [](const ::testing::TestParamInfo<ColourCase>& info) { return std::string(info.param.name); });
 
 TEST(ProjectRenderer, WatermarkSitsAtItsCentreWithItsOpacity)
 {
@@ -436,6 +519,62 @@ TEST(ProjectRenderer, BadInputFailsWithItsReasonAndLeavesNoFile)
         EXPECT_EQ(outcome.status, RenderStatus::Failed);
         EXPECT_TRUE(outcome.error.contains(row.mustMention)) << outcome.error.toStdString();
         EXPECT_FALSE(QFileInfo::exists(out.outputPath));
+    }
+}
+
+TEST(ProjectRenderer, DamagedPacketsAreSkippedAndCountedUnlessNothingIsLeft)
+{
+    const QString tone = TestMedia::generate(
+        QStringLiteral("engine/tone-3s.mp3"),
+        {"-f", "lavfi", "-i", "sine=frequency=440:duration=3", "-c:a", "libmp3lame"});
+    const QString dead = TestMedia::generate(QStringLiteral("engine/all-packets-damaged.mka"),
+                                             {"-f", "lavfi", "-i", "sine=frequency=440:duration=1",
+                                              "-c:a", "libmp3lame", "-bsf:a", "noise=amount=1"});
+    ASSERT_FALSE(tone.isEmpty());
+    ASSERT_FALSE(dead.isEmpty());
+    // 100 kB of noise before the first frame, as a damaged download has.
+    QFile clean(tone);
+    ASSERT_TRUE(clean.open(QIODevice::ReadOnly));
+    QByteArray bytes(100000, '\0');
+    quint32 state = 12345;
+    for (char& byte : bytes) {
+        state = state * 1103515245u + 12345u;
+        byte = static_cast<char>(state >> 24);
+    }
+    const QString prefixed = outputPath("garbage-prefix.mp3");
+    QFile file(prefixed);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
+    file.write(bytes + clean.readAll());
+    file.close();
+
+    struct Row
+    {
+        const char* name;
+        QString input;
+        double seconds; // 0: the job must fail
+    };
+    for (const Row& row : {Row{"garbage_prefix", prefixed, 3.0}, Row{"nothing_left", dead, 0.0}}) {
+        SCOPED_TRACE(row.name);
+        LogCapture log;
+        Korvane::AVTaskOutputParam out;
+        out.outputPath = outputPath(QStringLiteral("%1.m4a").arg(row.name));
+        out.format = QStringLiteral("ipod");
+        out.audio.codecName = QStringLiteral("aac");
+        const RenderOutcome outcome =
+            render(document(160, 120, 25, {mainClip(row.input, 0, 3000, 0)}), out);
+        // One record for the stream, with its count.
+        EXPECT_EQ(log.count(QStringLiteral("undecodable packets of the audio stream #0 of \"%1\"")
+                                .arg(row.input)),
+                  1);
+        if (row.seconds == 0.0) {
+            EXPECT_EQ(outcome.status, RenderStatus::Failed);
+            EXPECT_TRUE(outcome.error.contains("no sound of")) << outcome.error.toStdString();
+            EXPECT_FALSE(QFileInfo::exists(out.outputPath));
+            continue;
+        }
+        ASSERT_EQ(outcome.status, RenderStatus::Finished) << outcome.error.toStdString();
+        EXPECT_NEAR(probe(out.outputPath).audioDuration, row.seconds, 0.3);
+        EXPECT_GT(meanVolume(out.outputPath, 1.0, 1.0), -25.0);
     }
 }
 

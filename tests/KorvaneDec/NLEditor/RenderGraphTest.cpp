@@ -1,6 +1,7 @@
 // The graph text a project becomes, checked by table and by handing it to
 // libavfilter's own parser.
 #include "NLEditor/RenderGraph.h"
+#include "NLEditor/OutputColour.h"
 
 #include "KvAVGlue/KvAVGlue.h"
 
@@ -8,6 +9,7 @@
 
 extern "C" {
 #include <libavfilter/avfilter.h>
+#include <libavutil/pixdesc.h>
 }
 
 using namespace Korvane;
@@ -99,6 +101,9 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
     interlacedTurned.rotation = 270;
     SourcePicture still = picture(64, 64);
     still.still = true;
+    SourcePicture hdrTurned = picture(128, 72);
+    hdrTurned.rotation = 90;
+    hdrTurned.toneMap = QStringLiteral("tonemap=tonemap=hable");
     SourcePicture anamorphic = picture(800, 640);
     anamorphic.sampleAspect = 64.0 / 45.0;
     MediaClip sideBySide = clip(0, 1000);
@@ -142,6 +147,12 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
          still,
          {160, 120},
          "scale=120:120,pad=160:120:(ow-iw)/2:(oh-ih)/2:black,setsar=1"},
+        {"tone_mapped_before_turning",
+         plain,
+         hdrTurned,
+         {72, 128},
+         "trim=start=0.5:end=1.5,setpts=(PTS-STARTPTS)/1,tonemap=tonemap=hable,transpose=clock,"
+         "scale=72:128,setsar=1"},
         {"anamorphic",
          plain,
          anamorphic,
@@ -162,6 +173,70 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         EXPECT_EQ(mainClipVideoChain(row.clip, row.picture, row.canvas, "m0"), row.expected);
+    }
+}
+
+TEST(OutputColour, KeepsTheInputsTagsOrToneMapsHdrIntoEightBits)
+{
+    struct Row
+    {
+        const char* name;
+        VideoStreamFacts input;
+        AVPixelFormat output;
+        ColourTags expected;
+        bool toneMapped;
+    };
+    auto facts = [](AVColorPrimaries p, AVColorTransferCharacteristic t, AVColorSpace m,
+                    AVColorRange r) {
+        VideoStreamFacts f;
+        f.primaries = p;
+        f.transfer = t;
+        f.matrix = m;
+        f.range = r;
+        return f;
+    };
+    const ColourTags bt709{AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG};
+    const VideoStreamFacts pq =
+        facts(AVCOL_PRI_BT2020, AVCOL_TRC_SMPTE2084, AVCOL_SPC_BT2020_NCL, AVCOL_RANGE_MPEG);
+    const VideoStreamFacts hlg = facts(AVCOL_PRI_UNSPECIFIED, AVCOL_TRC_ARIB_STD_B67,
+                                       AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_UNSPECIFIED);
+    const QList<Row> rows = {
+        {"bt601_kept",
+         facts(AVCOL_PRI_SMPTE170M, AVCOL_TRC_BT709, AVCOL_SPC_SMPTE170M, AVCOL_RANGE_MPEG),
+         AV_PIX_FMT_YUV420P,
+         {AVCOL_PRI_SMPTE170M, AVCOL_TRC_BT709, AVCOL_SPC_SMPTE170M, AVCOL_RANGE_MPEG},
+         false},
+        {"full_range_becomes_limited",
+         facts(AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_BT709, AVCOL_RANGE_JPEG),
+         AV_PIX_FMT_YUV420P, bt709, false},
+        {"unstated_stays_unstated", VideoStreamFacts{}, AV_PIX_FMT_YUV420P, ColourTags{}, false},
+        {"rgb_matrix_dropped",
+         facts(AVCOL_PRI_BT709, AVCOL_TRC_IEC61966_2_1, AVCOL_SPC_RGB, AVCOL_RANGE_JPEG),
+         AV_PIX_FMT_YUV420P,
+         {AVCOL_PRI_BT709, AVCOL_TRC_IEC61966_2_1, AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_MPEG},
+         false},
+        {"pq_into_8_bits", pq, AV_PIX_FMT_YUV420P, bt709, true},
+        {"hlg_unstated_matrix_into_8_bits", hlg, AV_PIX_FMT_NV12, bt709, true},
+        {"pq_kept_in_10_bits",
+         pq,
+         AV_PIX_FMT_YUV420P10LE,
+         {AVCOL_PRI_BT2020, AVCOL_TRC_SMPTE2084, AVCOL_SPC_BT2020_NCL, AVCOL_RANGE_MPEG},
+         false},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        EXPECT_TRUE(outputColour(row.input, row.output) == row.expected);
+        const QString chain = toneMapChain(row.input, row.output);
+        EXPECT_EQ(!chain.isEmpty(), row.toneMapped);
+        if (row.toneMapped) {
+            // libavfilter takes every option of it, and the picture ends in SDR 8-bit.
+            QStringList inputs;
+            QStringList outputs;
+            EXPECT_TRUE(parseLabels(QStringLiteral("[in]%1[out]").arg(chain), &inputs, &outputs));
+            EXPECT_TRUE(
+                chain.contains(QLatin1String("tin=") + av_color_transfer_name(row.input.transfer)));
+            EXPECT_TRUE(chain.endsWith("zscale=t=bt709:m=bt709:r=tv,format=yuv420p"));
+        }
     }
 }
 

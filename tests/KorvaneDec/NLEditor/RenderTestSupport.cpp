@@ -116,13 +116,15 @@ bool ffmpeg(const QStringList& args)
     return TestMedia::run(TestMedia::ffmpeg(), full) == 0;
 }
 
-Probe probe(const QString& path)
+Probe probe(const QString& path, bool countFrames)
 {
     Probe result;
     QByteArray out;
-    if (TestMedia::run(TestMedia::ffprobe(),
-                       {"-v", "error", "-show_format", "-show_streams", "-of", "json", path},
-                       &out) != 0) {
+    QStringList args{"-v", "error", "-show_format", "-show_streams", "-of", "json", path};
+    if (countFrames) {
+        args.prepend("-count_frames");
+    }
+    if (TestMedia::run(TestMedia::ffprobe(), args, &out) != 0) {
         return result;
     }
     const QJsonObject root = QJsonDocument::fromJson(out).object();
@@ -142,7 +144,13 @@ Probe probe(const QString& path)
             result.height = stream.value("height").toInt();
             result.videoCodec = stream.value("codec_name").toString();
             result.videoDuration = stream.value("duration").toString().toDouble();
-            result.videoFrames = stream.value("nb_frames").toString().toInt();
+            // Counted by decoding when asked for, else as the container states.
+            result.videoFrames =
+                stream.value(countFrames ? "nb_read_frames" : "nb_frames").toString().toInt();
+            for (const char* key :
+                 {"pix_fmt", "color_primaries", "color_transfer", "color_space", "color_range"}) {
+                result.colour.append(stream.value(QLatin1String(key)).toString("unknown"));
+            }
             const QStringList rate = stream.value("avg_frame_rate").toString().split('/');
             if (rate.size() == 2 && rate[1].toDouble() > 0) {
                 result.frameRate = rate[0].toDouble() / rate[1].toDouble();

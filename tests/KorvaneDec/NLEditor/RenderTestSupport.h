@@ -30,7 +30,7 @@ QJsonObject transform(int bgW, int bgH, const QString& crop = QStringLiteral("0,
 QJsonObject document(int width, int height, double fps, const QJsonArray& clips,
                      const QJsonArray& extraTracks = {});
 
-// ffprobe facts of a file.
+// ffprobe facts of a file; `countFrames` decodes the video to count them.
 struct Probe
 {
     int videoStreams = 0;
@@ -42,14 +42,16 @@ struct Probe
     QString audioCodec;
     double formatDuration = 0.0; // seconds
     double videoDuration = 0.0;
-    int videoFrames = 0;
     double audioDuration = 0.0;
     int sampleRate = 0;
     int channels = 0;
     double frameRate = 0.0;
+    int videoFrames = 0; // counted by decoding with countFrames, else as stated
+    // pixel format, primaries, transfer, matrix, range, as ffprobe names them
+    QStringList colour;
     QJsonObject tags;
 };
-Probe probe(const QString& path);
+Probe probe(const QString& path, bool countFrames = false);
 
 // True when every stream's packets of a file have increasing decoding times.
 bool packetTimesIncrease(const QString& path);
