@@ -151,7 +151,7 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
          plain,
          hdrTurned,
          {72, 128},
-         "trim=start=0.5:end=1.5,setpts=(PTS-STARTPTS)/1,tonemap=tonemap=hable,transpose=clock,"
+         "trim=start=0.5:end=1.5,setpts=(PTS-0.5/TB)/1,tonemap=tonemap=hable,transpose=clock,"
          "scale=72:128,setsar=1"},
         {"anamorphic",
          plain,
