@@ -105,6 +105,16 @@ QString outputRecord(const QString& outputFile, int w = 0, int h = 0)
     return writeFile(QStringLiteral("output.json"), Korvane::outputParamToJson(out).toUtf8());
 }
 
+// `korvane-worker convert` on `source`, writing `output` at the given size
+// (0: the source's).
+WorkerRun runConvert(const Korvane::ConvertSource& source, const QString& output, int w = 0,
+                     int h = 0)
+{
+    const QString sourceFile =
+        writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
+    return runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output, w, h)});
+}
+
 QString projectFile(const QJsonObject& doc)
 {
     return writeFile(QStringLiteral("project.json"), QJsonDocument(doc).toJson());
@@ -241,11 +251,8 @@ TEST(WorkerProcess, ConvertRendersTheJobWithItsEdits)
     mark.filePath = watermarkPng();
     mark.centerPos = QPoint(160, 120);
     source.waterMark = {mark};
-    const QString sourceFile =
-        writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
     const QString output = outputPath("convert.mp4");
-    const WorkerRun run =
-        runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output, 320, 240)});
+    const WorkerRun run = runConvert(source, output, 320, 240);
     EXPECT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
     ASSERT_FALSE(run.lines.isEmpty());
     EXPECT_EQ(run.lines.first(), QJsonObject({{"state", 1}}));
@@ -290,11 +297,8 @@ TEST(WorkerProcess, ConvertWithoutOutputSizeShowsTheWholePictureAndEveryFrame)
         ASSERT_FALSE(row.source.isEmpty());
         Korvane::ConvertSource source;
         source.filePath = row.source;
-        const QString sourceFile =
-            writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
         const QString output = outputPath(QStringLiteral("convert-%1.mp4").arg(row.name));
-        const WorkerRun run =
-            runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output)});
+        const WorkerRun run = runConvert(source, output);
         EXPECT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
         const Probe p = probe(output, true);
         EXPECT_EQ(p.width, row.width);
@@ -379,11 +383,8 @@ TEST_P(RealInputs, ConvertToWhatTheyPresent)
     source.filePath = c.make();
     ASSERT_FALSE(source.filePath.isEmpty());
     source.selfAudios = {c.audioStream};
-    const QString sourceFile =
-        writeFile(QStringLiteral("source.json"), Korvane::convertSourceToJson(source).toUtf8());
     const QString output = outputPath(QStringLiteral("%1.mp4").arg(c.name));
-    const WorkerRun run =
-        runWorker({"convert", "--source", sourceFile, "--output", outputRecord(output)});
+    const WorkerRun run = runConvert(source, output);
     ASSERT_EQ(run.exitCode, 0) << run.standardOutput.toStdString();
     const Probe p = probe(output);
     EXPECT_NEAR(p.formatDuration, c.seconds, 0.06);
