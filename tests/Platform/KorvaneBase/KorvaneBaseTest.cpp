@@ -14,6 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <memory>
+#include <tuple>
 #include <vector>
 
 #include <unistd.h>
@@ -35,11 +36,10 @@ TEST(Record, StreamsTextAndIsHandedOverOnce)
     const auto entries = capture.entries();
     ASSERT_EQ(entries.size(), 2);
     EXPECT_EQ(entries[0].text, QString::fromUtf8("size 1920x1080 ratio 0.5 é"));
-    EXPECT_EQ(entries[0].function, "Korvane::Test::fn");
-    EXPECT_EQ(entries[0].line, 42);
-    EXPECT_EQ(entries[0].file, "tests/KorvaneBaseTest");
-    EXPECT_EQ(entries[0].object, &owner);
-    EXPECT_EQ(entries[0].level, 0);
+    EXPECT_EQ(std::make_tuple(entries[0].function, entries[0].line, entries[0].file,
+                              entries[0].object, entries[0].level),
+              std::make_tuple(QString("Korvane::Test::fn"), 42, QString("tests/KorvaneBaseTest"),
+                              static_cast<const QObject*>(&owner), 0));
     EXPECT_EQ(entries[1].text, "at the end of the statement");
 }
 
