@@ -1,4 +1,6 @@
 #include "KorvaneGPUHardwareAcceleration/GpuDetection.h"
+#include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneGPUHardwareAcceleration/KorvaneGPUHardwareAcceleration.h"
 
 #include <QDir>
 #include <QFile>
@@ -10,98 +12,68 @@ using namespace Korvane;
 
 namespace {
 
-// A fake /sys: cards are given as "entry" -> {vendor text, device text};
-// an empty vendor text leaves the vendor file out.
-struct FakeCard
+// A fake /sys in `dir`: each card is {entry, vendor text, device text}; an
+// empty text leaves the file out.
+QString fakeSysfs(const QTemporaryDir& dir, const QList<QStringList>& cards)
 {
-    QString entry;
-    QByteArray vendor;
-    QByteArray device;
-};
-
-class FakeSysfs
-{
-public:
-    explicit FakeSysfs(const QList<FakeCard>& cards)
-    {
-        for (const FakeCard& card : cards) {
-            const QString deviceDir = root() + "/class/drm/" + card.entry + "/device";
-            QDir().mkpath(deviceDir);
-            write(deviceDir + "/vendor", card.vendor);
-            write(deviceDir + "/device", card.device);
+    for (const QStringList& card : cards) {
+        const QString device = dir.filePath("class/drm/" + card[0] + "/device/");
+        QDir().mkpath(device);
+        for (const int i : {1, 2}) {
+            QFile file(device + (i == 1 ? "vendor" : "device"));
+            if (!card[i].isEmpty() && file.open(QIODevice::WriteOnly)) {
+                file.write(card[i].toLatin1());
+            }
         }
     }
-    QString root() const { return mDir.path(); }
-
-private:
-    static void write(const QString& path, const QByteArray& text)
-    {
-        if (text.isEmpty()) {
-            return;
-        }
-        QFile file(path);
-        ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-        file.write(text);
-    }
-    QTemporaryDir mDir;
-};
+    return dir.path();
+}
 
 } // namespace
 
-TEST(GpuDetection, ListsCardsInNumericOrderAndSkipsConnectorsRenderNodesAndBrokenEntries)
-{
-    FakeSysfs sysfs({{"card10", "0x8086\n", "0x3e92\n"},
-                     {"card2", "0x10de\n", "0x2330\n"},
-                     {"card2-HDMI-A-1", "0x10de\n", "0x2330\n"},
-                     {"renderD128", "0x10de\n", "0x2330\n"},
-                     {"card3", "", "0x1234\n"},
-                     {"card4", "garbage\n", "0x1234\n"},
-                     {"card5", "0x1002\n", "0x73bf\n"}});
-    const QList<GpuDevice> devices = detectGpus(sysfs.root());
-    ASSERT_EQ(devices.size(), 3);
-    EXPECT_EQ(devices[0].card, "card2");
-    EXPECT_EQ(devices[0].vendorId, kPciVendorNvidia);
-    EXPECT_EQ(devices[0].deviceId, 0x2330u);
-    EXPECT_EQ(devices[0].name, "NVIDIA GPU [10de:2330]");
-    EXPECT_EQ(devices[1].card, "card5");
-    EXPECT_EQ(devices[1].name, "GPU [1002:73bf]");
-    EXPECT_EQ(devices[2].card, "card10");
-    EXPECT_EQ(devices[2].name, "Intel GPU [8086:3e92]");
-}
-
+// Cards in numeric order, connectors, render nodes and entries without a
+// readable vendor skipped; the command builder looks for the maker word.
 TEST(GpuDetection, AutoPrefersNvidiaThenIntelAndNeverAnotherMaker)
 {
-    struct Case
-    {
-        const char* label;
-        QList<FakeCard> cards;
-        QString expected;
-    };
-    const QList<Case> cases = {
-        {"no drm folder", {}, ""},
-        {"other maker only", {{"card0", "0x1002\n", "0x73bf\n"}}, ""},
-        {"intel only", {{"card0", "0x8086\n", "0x9a49\n"}}, "Intel GPU [8086:9a49]"},
-        {"intel listed before nvidia",
-         {{"card0", "0x8086\n", "0x9a49\n"}, {"card1", "0x10de\n", "0x1eb8\n"}},
+    const QList<QPair<QList<QStringList>, QString>> cases{
+        {{}, ""},
+        {{{"card0", "0x1002\n", "0x73bf\n"}}, ""},
+        {{{"card0", "0x8086\n", "0x9a49\n"}}, "Intel GPU [8086:9a49]"},
+        {{{"card0", "0x8086\n", "0x9a49\n"}, {"card1", "0x10de\n", "0x1eb8\n"}},
          "NVIDIA GPU [10de:1eb8]"},
-        {"two nvidia cards: the first",
-         {{"card1", "0x10de\n", "0x2204\n"}, {"card0", "0x10de\n", "0x1eb8\n"}},
+        {{{"card10", "0x10de\n", "0x2204\n"}, {"card2", "0x10de\n", "0x1eb8\n"}},
          "NVIDIA GPU [10de:1eb8]"},
-        {"id without newline or prefix", {{"card0", "10de", "1eb8"}}, "NVIDIA GPU [10de:1eb8]"},
-        {"missing device id", {{"card0", "0x8086\n", ""}}, "Intel GPU [8086:0000]"},
+        {{{"card0-HDMI-A-1", "0x10de\n", "0x2204\n"},
+          {"renderD128", "0x10de\n", "0x2204\n"},
+          {"card1", "", "0x2204\n"},
+          {"card2", "garbage\n", "0x2204\n"},
+          {"card3", "0x8086\n", "0x3e92\n"}},
+         "Intel GPU [8086:3e92]"},
+        {{{"card0", "10de", "1eb8"}}, "NVIDIA GPU [10de:1eb8]"},
+        {{{"card0", "0x8086\n", ""}}, "Intel GPU [8086:0000]"},
     };
-    for (const Case& c : cases) {
-        FakeSysfs sysfs(c.cards);
-        EXPECT_EQ(autoGpuName(sysfs.root()), c.expected) << c.label;
+    for (const auto& [cards, expected] : cases) {
+        QTemporaryDir dir;
+        EXPECT_EQ(autoGpuName(fakeSysfs(dir, cards)), expected) << expected.toStdString();
     }
+    QTemporaryDir dir;
+    const QList<GpuDevice> other = detectGpus(fakeSysfs(dir, {{"card0", "0x1002\n", "0x73bf\n"}}));
+    ASSERT_EQ(other.size(), 1);
+    EXPECT_EQ(other[0].name, "GPU [1002:73bf]");
 }
 
-TEST(GpuDetection, AutoNameCarriesTheMakerWordTheCommandBuilderLooksFor)
+TEST(QsvDeviceSwitch, FollowsTheStoredValueAndAbsentMeansNo)
 {
-    FakeSysfs nvidia({{"card0", "0x10de\n", "0x2330\n"}});
-    FakeSysfs intel({{"card0", "0x8086\n", "0x3e92\n"}});
-    EXPECT_TRUE(autoGpuName(nvidia.root()).contains("NVIDIA"));
-    EXPECT_FALSE(autoGpuName(nvidia.root()).contains("Intel"));
-    EXPECT_TRUE(autoGpuName(intel.root()).contains("Intel"));
-    EXPECT_FALSE(autoGpuName(intel.root()).contains("NVIDIA"));
+    Settings& settings = KorvaneBaseEntry()->settings();
+    const QList<QPair<QVariant, bool>> cases{{true, true},   {"1", true},  {"true", true},
+                                             {false, false}, {"0", false}, {QVariant(), false}};
+    for (const auto& [stored, expected] : cases) {
+        if (stored.isValid()) {
+            settings.setValue("kQsv_InitDevice_Explicit", stored);
+        } else {
+            settings.remove("kQsv_InitDevice_Explicit");
+        }
+        EXPECT_EQ(KorvaneGPUHardwareAccelerationEntry()->qsvDeviceInitExplicit(), expected)
+            << stored.toString().toStdString();
+    }
 }

@@ -1,20 +1,12 @@
-// A stand-in for the worker program that plays one scripted behaviour, so the
-// out-of-process operators can be tested without a real converter.
-//
-//   scripted-worker <command> --<option> FILE ...
-//
-// KORVANE_SCRIPTED_WORKER names the behaviour (see play()).
-// KORVANE_SCRIPTED_WORKER_DIR is a folder where every run leaves
-// run-<n>.json: {"arguments": [...], "files": {"--option": "content", ...}}
-// with the contents of the job files as the worker found them, and, when it
-// received "stop", the file stopped-<n>.
-#include <QByteArray>
+// A stand-in for the worker program that plays the script named by
+// KORVANE_SCRIPTED_WORKER, so the out-of-process operators can be tested
+// without a real converter:  scripted-worker <command> --<option> FILE ...
+// Every run n leaves in KORVANE_SCRIPTED_WORKER_DIR its arguments (run-<n>, one
+// a line), a copy of each job file as found (run-<n>--option), and stopped-<n>
+// when it received "stop".
 #include <QDir>
 #include <QFile>
-#include <QJsonArray>
-#include <QJsonDocument>
-#include <QJsonObject>
-#include <QStringList>
+#include <QHash>
 #include <QThread>
 
 #include <cstdio>
@@ -28,106 +20,72 @@
 
 namespace {
 
-void say(const char* line)
-{
-    std::fputs(line, stdout);
-    std::fputc('\n', stdout);
-    std::fflush(stdout);
-    QThread::msleep(20);
-}
+// Lines go to standard output as they are; "|" splits one message into two
+// pieces that reach the reader apart; the words in capitals are actions.
+const QStringList kSuccess{"WORKING",
+                           "{\"state\":1}",
+                           "this line is not a message",
+                           "{\"progress\":0.25}",
+                           "{\"progr|ess\":0.5}",
+                           "{\"progress\":1.0}",
+                           "{\"state\":5}"};
+const QStringList kCrash{"{\"state\":1}", "{\"progress\":0.3}", "ABORT"};
+const QHash<QString, QStringList> kScripts{
+    {"success", kSuccess},
+    {"failure",
+     {"{\"state\":1}", "{\"progress\":0.1}", "{\"state\":6,\"error\":\"scripted failure\"}",
+      "EXIT1"}},
+    {"crash", kCrash},
+    {"crash-once", kCrash + kSuccess}, // the crash on the first run only
+    {"quit", {"{\"state\":1}"}},       // ends without a result
+    {"hang", {"{\"state\":1}", "STOP"}},
+    {"deaf", {"{\"state\":1}", "SLEEP"}},        // ignores "stop"
+    {"linger", kSuccess + QStringList{"SLEEP"}}, // never exits after its result
+};
 
-void crash()
+int play(const QString& name, const QString& command, const QDir& records, int run)
 {
+    QStringList script = kScripts.value(name, {"EXIT2"});
+    if (name == "crash-once" &&
+        !QFile(records.filePath("crashed")).open(QIODevice::WriteOnly | QIODevice::NewOnly)) {
+        script = kSuccess;
+    }
+    for (const QString& step : script) {
+        if (step == "WORKING") {
+            std::fprintf(stderr, "scripted worker: working on %s\n", qPrintable(command));
+            std::fflush(stderr);
+        } else if (step == "ABORT") {
 #ifdef Q_OS_UNIX
-    // No core file for an intended crash.
-    const rlimit none{0, 0};
-    setrlimit(RLIMIT_CORE, &none);
+            // No core file for an intended crash.
+            const rlimit none{0, 0};
+            setrlimit(RLIMIT_CORE, &none);
 #endif
-    std::abort();
-}
-
-int succeed(const QString& command)
-{
-    std::fprintf(stderr, "scripted worker: working on %s\n", qPrintable(command));
-    std::fflush(stderr);
-    say("{\"state\":1}");
-    say("this line is not a message");
-    say("{\"progress\":0.25}");
-    // A message that reaches the reader in two pieces.
-    std::fputs("{\"progr", stdout);
-    std::fflush(stdout);
-    QThread::msleep(100);
-    say("ess\":0.5}");
-    say("{\"progress\":1.0}");
-    say("{\"state\":5}");
-    return 0;
-}
-
-// Waits for "stop" on standard input; reports 4 when it comes.
-int waitForStop(const QDir& records, int run)
-{
-    say("{\"state\":1}");
-    std::string line;
-    while (std::getline(std::cin, line)) {
-        if (line == "stop") {
+            std::abort();
+        } else if (step.startsWith("EXIT")) {
+            return step.mid(4).toInt();
+        } else if (step == "SLEEP") {
+            QThread::sleep(60);
+        } else if (step == "STOP") {
+            std::string line;
+            while (std::getline(std::cin, line) && line != "stop") {
+            }
+            if (!std::cin) {
+                return 3;
+            }
             QFile(records.filePath(QStringLiteral("stopped-%1").arg(run)))
                 .open(QIODevice::WriteOnly);
-            say("{\"state\":4}");
-            return 0;
+            std::puts("{\"state\":4}");
+        } else {
+            for (const QString& piece : step.split('|')) {
+                std::fputs(qPrintable(piece), stdout);
+                std::fflush(stdout);
+                QThread::msleep(piece.size() < step.size() ? 100 : 20);
+            }
+            std::fputc('\n', stdout);
         }
+        std::fflush(stdout);
     }
-    return 3;
-}
-
-int play(const QString& behaviour, const QString& command, const QDir& records, int run)
-{
-    if (behaviour == QLatin1String("success")) {
-        return succeed(command);
-    }
-    if (behaviour == QLatin1String("failure")) {
-        say("{\"state\":1}");
-        say("{\"progress\":0.1}");
-        say("{\"state\":6,\"error\":\"scripted failure\"}");
-        return 1;
-    }
-    if (behaviour == QLatin1String("crash")) {
-        say("{\"state\":1}");
-        say("{\"progress\":0.3}");
-        crash();
-    }
-    if (behaviour == QLatin1String("crash-once")) {
-        QFile marker(records.filePath(QStringLiteral("crashed")));
-        if (!marker.exists()) {
-            marker.open(QIODevice::WriteOnly);
-            marker.close();
-            say("{\"state\":1}");
-            say("{\"progress\":0.3}");
-            crash();
-        }
-        return succeed(command);
-    }
-    if (behaviour == QLatin1String("quit")) {
-        // Ends normally but never says how the job went.
-        say("{\"state\":1}");
-        return 0;
-    }
-    if (behaviour == QLatin1String("hang")) {
-        return waitForStop(records, run);
-    }
-    if (behaviour == QLatin1String("deaf")) {
-        // Ignores "stop" until it is killed.
-        say("{\"state\":1}");
-        QThread::sleep(60);
-        return 0;
-    }
-    if (behaviour == QLatin1String("linger")) {
-        // Reports success and then never exits.
-        succeed(command);
-        QThread::sleep(60);
-        return 0;
-    }
-    std::fprintf(stderr, "scripted worker: unknown behaviour '%s'\n", qPrintable(behaviour));
-    return 2;
+    return 0;
 }
 
 } // namespace
@@ -140,21 +98,16 @@ int main(int argc, char** argv)
     }
     const QDir records(qEnvironmentVariable("KORVANE_SCRIPTED_WORKER_DIR"));
     int run = 1;
-    while (records.exists(QStringLiteral("run-%1.json").arg(run))) {
+    while (records.exists(QStringLiteral("run-%1").arg(run))) {
         ++run;
     }
-    QJsonObject files;
     for (int i = 1; i + 1 < arguments.size(); i += 2) {
-        QFile job(arguments.at(i + 1));
-        files.insert(arguments.at(i), job.open(QIODevice::ReadOnly)
-                                          ? QJsonValue(QString::fromUtf8(job.readAll()))
-                                          : QJsonValue());
+        QFile::copy(arguments.at(i + 1),
+                    records.filePath(QStringLiteral("run-%1%2").arg(run).arg(arguments.at(i))));
     }
-    QFile record(records.filePath(QStringLiteral("run-%1.json").arg(run)));
+    QFile record(records.filePath(QStringLiteral("run-%1").arg(run)));
     if (record.open(QIODevice::WriteOnly)) {
-        const QJsonObject object{{"arguments", QJsonArray::fromStringList(arguments)},
-                                 {"files", files}};
-        record.write(QJsonDocument(object).toJson());
+        record.write(arguments.join('\n').toUtf8());
         record.close();
     }
     return play(qEnvironmentVariable("KORVANE_SCRIPTED_WORKER"), arguments.value(0), records, run);

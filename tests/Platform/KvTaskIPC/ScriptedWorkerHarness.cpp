@@ -5,15 +5,14 @@
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
-#include <QFileInfo>
-#include <QJsonArray>
-#include <QJsonDocument>
+
+#include <algorithm>
 
 ScriptedWorker::ScriptedWorker(const QString& behaviour)
 {
     qputenv("KORVANE_SCRIPTED_WORKER", behaviour.toUtf8());
     qputenv("KORVANE_SCRIPTED_WORKER_DIR", mRecords.path().toUtf8());
-    Korvane::KorvaneBaseEntry()->settings().setValue("kWorker_Path", program());
+    Korvane::KorvaneBaseEntry()->settings().setValue("kWorker_Path", KORVANE_SCRIPTED_WORKER);
 }
 
 ScriptedWorker::~ScriptedWorker()
@@ -23,37 +22,25 @@ ScriptedWorker::~ScriptedWorker()
     qunsetenv("KORVANE_SCRIPTED_WORKER_DIR");
 }
 
-QString ScriptedWorker::program()
-{
-    return QStringLiteral(KORVANE_SCRIPTED_WORKER);
-}
-
 int ScriptedWorker::runs() const
 {
-    return int(QDir(mRecords.path()).entryList({"run-*.json"}, QDir::Files).size());
+    return int(QDir(mRecords.path()).entryList({"run-?", "run-??"}, QDir::Files).size());
 }
 
-QJsonObject ScriptedWorker::run(int n) const
+QString ScriptedWorker::record(const QString& name) const
 {
-    QFile file(mRecords.filePath(QStringLiteral("run-%1.json").arg(n)));
-    if (!file.open(QIODevice::ReadOnly)) {
-        return {};
-    }
-    return QJsonDocument::fromJson(file.readAll()).object();
+    QFile file(mRecords.filePath(name));
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
 QStringList ScriptedWorker::arguments(int n) const
 {
-    QStringList list;
-    for (const QJsonValue& value : run(n).value("arguments").toArray()) {
-        list << value.toString();
-    }
-    return list;
+    return record(QStringLiteral("run-%1").arg(n)).split('\n', Qt::SkipEmptyParts);
 }
 
 QString ScriptedWorker::fileContent(int n, const QString& option) const
 {
-    return run(n).value("files").toObject().value(option).toString();
+    return record(QStringLiteral("run-%1%2").arg(n).arg(option));
 }
 
 QStringList ScriptedWorker::jobPaths(int n) const
@@ -71,91 +58,45 @@ bool ScriptedWorker::stopped(int n) const
     return QFile::exists(mRecords.filePath(QStringLiteral("stopped-%1").arg(n)));
 }
 
+bool allGone(const QStringList& paths)
+{
+    return std::none_of(paths.begin(), paths.end(),
+                        [](const QString& p) { return QFile::exists(p); });
+}
+
 BusRecorder::BusRecorder(const QSharedPointer<Korvane::IAVTask>& task)
     : mBus(task->signalBus()),
       mStates(mBus.data(), SIGNAL(taskStateChanged(Korvane::TaskState, int))),
       mProgress(mBus.data(), SIGNAL(taskProgress(Korvane::TaskProgressType, double)))
 {}
 
-QList<int> BusRecorder::states() const
+bool BusRecorder::waitUntil(const std::function<bool()>& done, int timeoutMs)
 {
-    QList<int> list;
-    for (const QList<QVariant>& args : mStates) {
-        list << int(qvariant_cast<Korvane::TaskState>(args.at(0)));
+    const QDeadlineTimer deadline(timeoutMs);
+    while (!done()) {
+        if (deadline.hasExpired() || !mStates.wait(int(deadline.remainingTime()))) {
+            return false;
+        }
     }
-    return list;
-}
-
-QList<int> BusRecorder::errorCodes() const
-{
-    QList<int> list;
-    for (const QList<QVariant>& args : mStates) {
-        list << args.at(1).toInt();
-    }
-    return list;
-}
-
-QList<double> BusRecorder::progress() const
-{
-    QList<double> list;
-    for (const QList<QVariant>& args : mProgress) {
-        list << args.at(1).toDouble();
-    }
-    return list;
-}
-
-QList<int> BusRecorder::progressTypes() const
-{
-    QList<int> list;
-    for (const QList<QVariant>& args : mProgress) {
-        list << int(qvariant_cast<Korvane::TaskProgressType>(args.at(0)));
-    }
-    return list;
+    return true;
 }
 
 bool BusRecorder::waitForFinalState(int timeoutMs)
 {
-    const QDeadlineTimer deadline(timeoutMs);
-    while (true) {
-        for (int state : states()) {
-            if (state >= 4) {
-                return true;
-            }
-        }
-        if (deadline.hasExpired() || !mStates.wait(int(deadline.remainingTime()))) {
-            return false;
-        }
-    }
+    return waitUntil(
+        [this] {
+            const QList<int> seen = states();
+            return std::any_of(seen.begin(), seen.end(), [](int state) { return state >= 4; });
+        },
+        timeoutMs);
 }
 
 bool BusRecorder::waitForState(int state, int timeoutMs)
 {
-    const QDeadlineTimer deadline(timeoutMs);
-    while (!states().contains(state)) {
-        if (deadline.hasExpired() || !mStates.wait(int(deadline.remainingTime()))) {
-            return false;
-        }
-    }
-    return true;
+    return waitUntil([this, state] { return states().contains(state); }, timeoutMs);
 }
 
 bool BusRecorder::waitForStateCount(int count, int timeoutMs)
 {
-    const QDeadlineTimer deadline(timeoutMs);
-    while (mStates.size() < count) {
-        if (deadline.hasExpired() || !mStates.wait(int(deadline.remainingTime()))) {
-            return false;
-        }
-    }
-    return true;
-}
-
-bool allGone(const QStringList& paths)
-{
-    for (const QString& path : paths) {
-        if (QFileInfo::exists(path)) {
-            return false;
-        }
-    }
-    return true;
+    return waitUntil([this, count] { return mStates.size() >= count; }, timeoutMs);
 }
