@@ -95,11 +95,12 @@ TEST(CommandLine, FlagsFillTheJobRecordsAndTheOutputNameGivesTheDefaults)
     EXPECT_EQ(parse("a.mp4 b.mp4 --vcodec h264").commandLine.flagJob->output.video.codecName,
               "h264");
     // A double dash ends the options, so file names may start with one.
-    const ParsedCommandLine dashed = parseCommandLine({"--size", "320x240", "--", "-in", "--out"});
+    const ParsedCommandLine dashed =
+        parseCommandLine({"--size", "320x240", "--", "-in", "--out.mp4"});
     ASSERT_TRUE(dashed.ok()) << dashed.error.toStdString();
     EXPECT_EQ(dashed.commandLine.flagJob->source.filePath +
                   dashed.commandLine.flagJob->output.outputPath,
-              "-in--out");
+              "-in--out.mp4");
 }
 
 // Read from the right, so that paths may hold '@' and ','.
@@ -137,34 +138,14 @@ TEST(CommandLine, Watermarks)
 
 TEST(CommandLine, BadValuesAndModesThatDoNotFitGiveOneLine)
 {
-    // Each names the option it starts with.
-    const QStringList badValues = {"--size 1280",
-                                   "--size 0x720",
-                                   "--size -1280x720",
-                                   "--vcodec vp9",
-                                   "--fps 0",
-                                   "--fps abc",
-                                   "--vbitrate 1.5",
-                                   "--ac 0",
-                                   "--crop 0.5,0.5,0.6,0.5",
-                                   "--crop 0,0,1",
-                                   "--crop 0,0,0,1",
-                                   "--flip x",
-                                   "--rotate 45",
-                                   "--watermark logo.png,alpha=2",
-                                   "--watermark @1,2",
-                                   "--cut 5000-1000",
-                                   "--cut 1000",
-                                   "--speed 0",
-                                   "--volume -1",
-                                   "--brightness 101",
-                                   "--hue 181",
-                                   "--audio-track x",
-                                   "--meta =x",
-                                   "--path gpu",
-                                   "--size",
-                                   "--bogus 1",
-                                   "--quiet=yes"};
+    // One per ';'; each names the option it starts with.
+    const QStringList badValues =
+        QString("--size 1280;--size 0x720;--size -1280x720;--vcodec vp9;--fps 0;--fps "
+                "abc;--vbitrate 1.5;--ac 0;--crop 0.5,0.5,0.6,0.5;--crop 0,0,1;--crop "
+                "0,0,0,1;--flip x;--rotate 45;--watermark logo.png,alpha=2;--watermark @1,2;--cut "
+                "5000-1000;--cut 1000;--speed 0;--volume -1;--brightness 101;--hue "
+                "181;--audio-track x;--meta =x;--path gpu;--size;--bogus 1;--quiet=yes")
+            .split(';');
     for (const QString& flags : badValues) {
         const ParsedCommandLine parsed = parse("a.mp4 b.mp4 " + flags);
         EXPECT_FALSE(parsed.ok()) << flags.toStdString();
@@ -172,17 +153,13 @@ TEST(CommandLine, BadValuesAndModesThatDoNotFitGiveOneLine)
             << parsed.error.toStdString();
         EXPECT_FALSE(parsed.error.contains('\n')) << parsed.error.toStdString();
     }
-    const QStringList misfits = {"--job a.json --job b.json --check",
-                                 "--job a.json in.mp4 out.mp4",
-                                 "--job a.json --size 640x360",
-                                 "--job a.json --save-job b.json",
-                                 "--job a.json --check --print-job",
-                                 "--probe in.mp4 out.mp4",
-                                 "in.mp4",
-                                 "",
-                                 "in.mp4 out",
-                                 "in.mp4 out.mp4 extra.mp4",
-                                 "in.mp4 --help --bogus-ignored-after-help"};
+    // One per ';'.
+    const QStringList misfits =
+        QString("--job a.json --job b.json --check;--job a.json in.mp4 out.mp4;--job a.json --size "
+                "640x360;--job a.json --save-job b.json;--job a.json --check --print-job;--probe "
+                "in.mp4 out.mp4;in.mp4;;in.mp4 out;in.mp4 out.mp4 extra.mp4;in.mp4 --help "
+                "--bogus-ignored-after-help")
+            .split(';');
     for (const QString& line : misfits) {
         EXPECT_FALSE(parse(line).ok()) << line.toStdString();
     }
@@ -233,27 +210,31 @@ TEST(JobFile, InvalidJobFilesAreRefusedWithAReason)
 
 TEST(PathChoice, EditsThatOnlyGpuFilterGraphsApply)
 {
-    const QList<QPair<std::function<void(ConvertJob&)>, QStringList>> cases = {
-        {[](ConvertJob& j) { j.source.crop = CropParam{0, 0, 1, 1, false, false, 360}; }, {}},
-        {[](ConvertJob& j) {
-             j.output.video = {"h264", 1920, 1080, 0.0, 0};
-         },
-         {}},
-        {[](ConvertJob& j) { j.output.video.width = 1280; }, {}},
-        {[](ConvertJob& j) {
-             j.output.video = {"h264", 1280, 720, 0.0, 0};
-         },
-         {"size 1280x720 differs from the input's 1920x1080"}},
-        {[](ConvertJob& j) {
-             j.source.crop = CropParam{0.1, 0, 0.5, 1, true, false, 180};
-             j.source.waterMark.append(WaterMarkParam());
-         },
-         {"crop", "flip", "rotation 180", "watermark"}}};
-    for (const auto& [edit, edits] : cases) {
+    struct Case
+    {
+        CropParam crop;
+        QSize size;
+        bool watermark;
+        QStringList edits;
+    };
+    const QList<Case> cases = {{{0, 0, 1, 1, false, false, 360}, {1920, 1080}, false, {}},
+                               {{0, 0, 1, 1, false, false, 0}, {1280, 0}, false, {}},
+                               {{0, 0, 1, 1, false, false, 0},
+                                {1280, 720},
+                                false,
+                                {"size 1280x720 differs from the input's 1920x1080"}},
+                               {{0.1, 0, 0.5, 1, true, false, 180},
+                                {0, 0},
+                                true,
+                                {"crop", "flip", "rotation 180", "watermark"}}};
+    for (const Case& c : cases) {
         ConvertJob job;
-        edit(job);
-        EXPECT_EQ(editsNeedingGpuFilters(job, QSize(1920, 1080)), edits)
-            << edits.join(',').toStdString();
+        job.source.crop = c.crop;
+        job.output.video = {"h264", c.size.width(), c.size.height(), 0.0, 0};
+        job.source.waterMark =
+            c.watermark ? QList<WaterMarkParam>{WaterMarkParam()} : QList<WaterMarkParam>();
+        EXPECT_EQ(editsNeedingGpuFilters(job, QSize(1920, 1080)), c.edits)
+            << c.edits.join(',').toStdString();
     }
     ConvertJob sized;
     sized.output.video = {"h264", 640, 360, 0.0, 0};
