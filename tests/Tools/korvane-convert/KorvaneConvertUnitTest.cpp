@@ -103,36 +103,28 @@ TEST(CommandLine, FlagsFillTheJobRecordsAndTheOutputNameGivesTheDefaults)
               "-in--out.mp4");
 }
 
-// Read from the right, so that paths may hold '@' and ','.
-TEST(CommandLine, Watermarks)
+// Read from the right, so that paths may hold '@' and ','. Described as
+// "path centre alpha scaleX scaleY", the centre "-" when unplaced.
+TEST(CommandLine, WatermarksReadFromTheRight)
 {
-    struct Case
-    {
-        QString value;
-        QString path;
-        QList<float> centreAlphaScale; // no centre when unplaced
-    };
-    const QList<Case> cases = {
-        {"logo.png", "logo.png", {1, 1}},
-        {"logo.png@640,360", "logo.png", {640, 360, 1, 1}},
-        {"logo.png@-10,20,alpha=0.5", "logo.png", {-10, 20, 0.5, 1}},
-        {"logo.png,scale=2,alpha=0.25", "logo.png", {0.25, 2}},
-        {"me@home/a,b.png@1,2,scale=0.5", "me@home/a,b.png", {1, 2, 1, 0.5}},
-    };
-    for (const Case& c : cases) {
+    const QList<QPair<QString, QString>> cases = {
+        {"logo.png", "logo.png - 1 1 1"},
+        {"logo.png@640,360", "logo.png 640,360 1 1 1"},
+        {"logo.png@-10,20,alpha=0.5", "logo.png -10,20 0.5 1 1"},
+        {"logo.png,scale=2,alpha=0.25", "logo.png - 0.25 2 2"},
+        {"me@home/a,b.png@1,2,scale=0.5", "me@home/a,b.png 1,2 1 0.5 0.5"}};
+    for (const auto& [value, described] : cases) {
         const ParsedCommandLine parsed = parseCommandLine(
-            {"a.mp4", "b.mp4", "--watermark", "first.png@5,5", "--watermark", c.value});
-        ASSERT_TRUE(parsed.ok()) << c.value.toStdString() << ": " << parsed.error.toStdString();
-        const WaterMarkParam& m = parsed.commandLine.flagJob->source.waterMark.value(1);
-        const bool placed = c.centreAlphaScale.size() == 4;
-        EXPECT_EQ(parsed.commandLine.unplacedWatermarks, placed ? QList<int>() : QList<int>({1}));
-        QList<float> got{m.alpha, m.scaleX};
-        if (placed) {
-            got = QList<float>{float(m.centerPos.x()), float(m.centerPos.y())} + got;
-        }
-        EXPECT_EQ(m.filePath + " " + QString::number(m.scaleY),
-                  c.path + " " + QString::number(got.last()));
-        EXPECT_EQ(got, c.centreAlphaScale) << c.value.toStdString();
+            {"a.mp4", "b.mp4", "--watermark", "first.png@5,5", "--watermark", value});
+        ASSERT_TRUE(parsed.ok()) << value.toStdString() << ": " << parsed.error.toStdString();
+        const WaterMarkParam m = parsed.commandLine.flagJob->source.waterMark.value(1);
+        const QString centre = parsed.commandLine.unplacedWatermarks == QList<int>{1}
+                                   ? QString("-")
+                                   : QString("%1,%2").arg(m.centerPos.x()).arg(m.centerPos.y());
+        EXPECT_EQ(QStringList({m.filePath, centre, QString::number(m.alpha),
+                               QString::number(m.scaleX), QString::number(m.scaleY)})
+                      .join(' '),
+                  described);
     }
 }
 
