@@ -325,80 +325,72 @@ TEST_F(KorvaneConvert, SavedFlagJobHoldsTheCompletedRecords)
                             900, "aac", "NVIDIA GPU [10de:0000]"}));
 }
 
-// A plain job runs on the ffmpeg path; edits without a GPU go to the worker's
-// convert with the records as they are, colour edits to its export with the
-// timeline document. A failed job exits 1 with its reason, even quiet, and
-// the other jobs still run.
+// Edits without a GPU go to the worker's convert with the records as they
+// are, colour edits to its export with the timeline document. A failed job
+// exits 1 with its reason, even quiet, and the next job still runs: a plain
+// one, on the ffmpeg path, into a folder made for it.
 TEST_F(KorvaneConvert, JobsRunOnThePathTheirEditsNeed)
 {
-    const QString out = mDir.filePath("new/folder/plain.mkv");
-    const Result plain = convert({mClip, out, "--json-progress"});
-    ASSERT_EQ(plain.exitCode, 0) << plain.err.toStdString();
-    EXPECT_TRUE(plain.errLines().value(0).startsWith("path ffmpeg: ")) << plain.err.toStdString();
-    EXPECT_TRUE(plain.errLines().last().startsWith("job 1/1 finished after"))
-        << plain.err.toStdString();
-    QStringList events;
-    for (const QByteArray& line : plain.out.trimmed().split('\n')) {
-        const QJsonObject e = QJsonDocument::fromJson(line).object();
-        events << e.value("event").toString() + e.value("name").toString() +
-                      e.value("state").toString();
+    ConvertSource source;
+    AVTaskOutputParam output;
+    {
+        ScriptedWorker worker("success");
+        KorvaneBaseEntry()->settings().sync();
+        const Result converted = convert({"--job", editedJob("edited", &source, &output)});
+        ASSERT_EQ(converted.exitCode, 0) << converted.err.toStdString();
+        const QString reason = converted.errLines().value(0);
+        EXPECT_TRUE(reason.startsWith("path converter: ")) << converted.err.toStdString();
+        EXPECT_TRUE(reason.contains("would drop: crop, watermark, size 320x180"))
+            << reason.toStdString();
+        source.baseFilter.brightness = 30;
+        const Result exported =
+            convert({"--job", writeJob(mDir.filePath("export.json"), source, output)});
+        ASSERT_EQ(exported.exitCode, 0) << exported.err.toStdString();
+        EXPECT_TRUE(exported.errLines().value(0).startsWith("path export: "))
+            << exported.err.toStdString();
+        ASSERT_EQ(worker.runs(), 2);
+        EXPECT_EQ(worker.arguments(1).value(0) + worker.arguments(2).value(0), "convertexport");
+        EXPECT_EQ(worker.fileContent(1, "--output"), outputParamToJson(output));
+        EXPECT_EQ(withoutCountedIds(worker.fileContent(2, "--project").toUtf8()),
+                  withoutCountedIds(
+                      makeTimelineProjectJson(convertSourceFromJson(convertSourceToJson(source)),
+                                              {{"width", 320}, {"height", 180}})
+                          .toUtf8()));
+        source.baseFilter.brightness = 0;
+        EXPECT_EQ(worker.fileContent(1, "--source"),
+                  convertSourceToJson(convertSourceFromJson(convertSourceToJson(source))));
     }
-    EXPECT_TRUE(QRegularExpression("^start stateStarted (progress )*stateFinished endFinished$")
+    ScriptedWorker worker("failure");
+    KorvaneBaseEntry()->settings().sync();
+    ConvertSource plain;
+    plain.filePath = mClip;
+    plain.selfAudios = {1};
+    const QString out = mDir.filePath("new/folder/plain.mkv");
+    const AVTaskOutputParam works{out, "mkv", {"h264"}, {"aac"}};
+    const Result r = convert({"--job", editedJob("fails", &source, &output), "--job",
+                              writeJob(mDir.filePath("works.json"), plain, works), "--quiet",
+                              "--json-progress"});
+    EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
+    EXPECT_EQ(r.errLines().filter(QRegularExpression("^job ")),
+              QStringList({r.errLines().filter("job 1/2 failed").value(0)}))
+        << r.err.toStdString();
+    EXPECT_TRUE(r.err.contains("(path converter): scripted failure")) << r.err.toStdString();
+    QStringList events;
+    for (const QByteArray& line : r.out.trimmed().split('\n')) {
+        const QJsonObject e = QJsonDocument::fromJson(line).object();
+        events << e.value("event").toString() + e.value("path").toString() +
+                      e.value("name").toString() + e.value("state").toString();
+    }
+    EXPECT_TRUE(QRegularExpression("^startconverter stateStarted .*endFailed startffmpeg "
+                                   "stateStarted (progress )*stateFinished endFinished$")
                     .match(events.join(' '))
                     .hasMatch())
-        << plain.out.toStdString();
+        << r.out.toStdString();
     QByteArray probe;
     TestMedia::run(
         TestMedia::ffprobe(),
         {"-v", "error", "-show_entries", "stream=codec_name,width", "-of", "csv=p=0", out}, &probe);
     EXPECT_EQ(probe, "h264,640\naac\n");
-
-    ScriptedWorker worker("success");
-    KorvaneBaseEntry()->settings().sync();
-    ConvertSource source;
-    AVTaskOutputParam output;
-    const Result converted = convert({"--job", editedJob("edited", &source, &output)});
-    ASSERT_EQ(converted.exitCode, 0) << converted.err.toStdString();
-    EXPECT_TRUE(converted.errLines().value(0).startsWith("path converter: "))
-        << converted.err.toStdString();
-    EXPECT_TRUE(converted.errLines().value(0).contains("crop, watermark, size 320x180"));
-    source.baseFilter.brightness = 30;
-    const Result exported =
-        convert({"--job", writeJob(mDir.filePath("export.json"), source, output)});
-    ASSERT_EQ(exported.exitCode, 0) << exported.err.toStdString();
-    EXPECT_TRUE(exported.errLines().value(0).startsWith("path export: "))
-        << exported.err.toStdString();
-    ASSERT_EQ(worker.runs(), 2);
-    EXPECT_EQ(worker.arguments(1).value(0) + worker.arguments(2).value(0), "convertexport");
-    EXPECT_EQ(worker.fileContent(1, "--output"), outputParamToJson(output));
-    EXPECT_EQ(withoutCountedIds(worker.fileContent(2, "--project").toUtf8()),
-              withoutCountedIds(
-                  makeTimelineProjectJson(convertSourceFromJson(convertSourceToJson(source)),
-                                          {{"width", 320}, {"height", 180}})
-                      .toUtf8()));
-    source.baseFilter.brightness = 0;
-    EXPECT_EQ(worker.fileContent(1, "--source"),
-              convertSourceToJson(convertSourceFromJson(convertSourceToJson(source))));
-}
-
-TEST_F(KorvaneConvert, FailedJobsExitOneWithTheReasonEvenQuietAndOtherJobsStillRun)
-{
-    ScriptedWorker worker("failure");
-    KorvaneBaseEntry()->settings().sync();
-    ConvertSource source;
-    AVTaskOutputParam output;
-    ConvertSource plain;
-    plain.filePath = mClip;
-    plain.selfAudios = {1};
-    const AVTaskOutputParam works{mDir.filePath("works.mp4"), "mp4", {"h264"}, {"aac"}};
-    const Result r = convert({"--job", editedJob("fails", &source, &output), "--job",
-                              writeJob(mDir.filePath("works.json"), plain, works), "--quiet"});
-    EXPECT_EQ(r.exitCode, 1) << r.err.toStdString();
-    const QStringList summaries = r.errLines().filter(QRegularExpression("^job \\d/2 "));
-    EXPECT_EQ(summaries, QStringList({summaries.value(0)})) << r.err.toStdString();
-    EXPECT_TRUE(summaries.value(0).startsWith("job 1/2 failed")) << r.err.toStdString();
-    EXPECT_TRUE(summaries.value(0).contains("scripted failure")) << r.err.toStdString();
-    EXPECT_TRUE(QFile::exists(works.outputPath));
 }
 
 // Ctrl-C stops the run, removes the output and exits 130, on the ffmpeg path
