@@ -1,23 +1,14 @@
 // korvane-convert's parts: option parsing, job files, path choice, progress
-// display and the job runner.
+// display, the job runner's failure reason and the interrupt watcher.
 #include "CommandLine.h"
-#include "Common/AVFFmpegTask.h"
-#include "Common/JsonForms.h"
-#include "Common/TaskSignalBus.h"
 #include "InterruptWatcher.h"
 #include "JobFile.h"
 #include "JobRunner.h"
-#include "KorvaneBase/BasicObject.h"
-#include "KorvaneBase/KorvaneBase.h"
 #include "PathChoice.h"
 #include "ProgressDisplay.h"
 
-#include <QBuffer>
-#include <QJsonDocument>
-#include <QJsonObject>
+#include <QDir>
 #include <QSignalSpy>
-#include <QTemporaryDir>
-#include <QTimer>
 
 #include <gtest/gtest.h>
 
@@ -321,4 +312,29 @@ TEST(JobRunner, FailureReasonFromTheLog)
     EXPECT_EQ(failureReasonFromLog({"a", "ffmpeg cnv failed: x", "b"}), "ffmpeg cnv failed: x");
     EXPECT_EQ(failureReasonFromLog({"first", " second \n line ", "  "}), "second line");
     EXPECT_EQ(failureReasonFromLog({}), "the converter reported a failure without a reason");
+}
+
+// Each signal arrives as a Qt signal while the watcher lives; afterwards the
+// default actions are back and its descriptors closed, also when a signal
+// cannot be caught at all.
+TEST(InterruptWatcher, DeliversSignalsAndLeavesNothingBehind)
+{
+    const uint descriptors = QDir("/proc/self/fd").count();
+    {
+        InterruptWatcher watcher({SIGTERM, SIGINT}, InterruptWatcher::Delivery::Every);
+        ASSERT_TRUE(watcher.isActive());
+        QSignalSpy spy(&watcher, &InterruptWatcher::interrupted);
+        for (const int signalNumber : {SIGTERM, SIGINT, SIGTERM}) {
+            ASSERT_EQ(std::raise(signalNumber), 0);
+            ASSERT_TRUE(spy.wait(2000));
+            EXPECT_EQ(spy.takeFirst().at(0).toInt(), signalNumber);
+        }
+    }
+    EXPECT_FALSE(InterruptWatcher({SIGKILL}, InterruptWatcher::Delivery::Once).isActive());
+    for (const int signalNumber : {SIGTERM, SIGINT}) {
+        struct sigaction current = {};
+        ASSERT_EQ(sigaction(signalNumber, nullptr, &current), 0);
+        EXPECT_EQ(current.sa_handler, SIG_DFL);
+    }
+    EXPECT_EQ(QDir("/proc/self/fd").count(), descriptors);
 }
