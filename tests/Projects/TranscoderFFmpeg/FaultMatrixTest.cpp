@@ -51,59 +51,34 @@ QByteArray digest(const QString& path)
     return QCryptographicHash::hash(file.readAll(), QCryptographicHash::Sha256);
 }
 
-// Children of this process whose program file is named `name`.
-QList<pid_t> childProcesses(const QString& name)
-{
-    QList<pid_t> found;
-    const QStringList entries = QDir(QStringLiteral("/proc")).entryList(QDir::Dirs);
-    for (const QString& entry : entries) {
-        bool isPid = false;
-        const pid_t pid = entry.toInt(&isPid);
-        if (!isPid) {
-            continue;
-        }
-        QFile stat(QStringLiteral("/proc/%1/stat").arg(pid));
-        if (!stat.open(QIODevice::ReadOnly)) {
-            continue;
-        }
-        const QByteArray text = stat.readAll();
-        // "pid (comm) state ppid ...": the command may hold blanks.
-        const QList<QByteArray> fields = text.mid(text.lastIndexOf(')') + 2).split(' ');
-        if (fields.size() < 2 || fields.at(1).toInt() != getpid()) {
-            continue;
-        }
-        const QString exe = QFileInfo(QStringLiteral("/proc/%1/exe").arg(pid)).symLinkTarget();
-        if (QFileInfo(exe).fileName() == name) {
-            found << pid;
-        }
-    }
-    return found;
-}
-
-// Waits for a child named `name` that is not in `killed` and, when given,
-// for `ready`, and kills that child.
-bool killChild(const QString& name, QList<pid_t>* killed, const std::function<bool()>& ready = {},
-               int timeoutMs = 60000)
+// Waits for a child of this process whose command is `name`, not in `killed`,
+// and, when given, for `ready`, and kills that child.
+bool killChild(const QString& name, QList<pid_t>* killed, const std::function<bool()>& ready = {})
 {
     pid_t victim = 0;
+    const auto find = [&] {
+        for (const QString& entry : QDir("/proc").entryList(QDir::Dirs)) {
+            QFile stat("/proc/" + entry + "/stat");
+            const QByteArray text = stat.open(QIODevice::ReadOnly) ? stat.readAll() : "";
+            // "pid (comm) state ppid ...": the command may hold blanks.
+            const qsizetype end = text.lastIndexOf(')');
+            const QByteArray command = text.mid(text.indexOf('(') + 1, end - text.indexOf('(') - 1);
+            if (end > 0 && text.mid(end + 2).split(' ').value(1).toInt() == getpid() &&
+                command == name.left(15).toUtf8() && !killed->contains(entry.toInt())) {
+                victim = entry.toInt();
+            }
+        }
+    };
     const bool seen = QTest::qWaitFor(
         [&] {
             if (victim == 0) {
-                for (pid_t pid : childProcesses(name)) {
-                    if (!killed->contains(pid)) {
-                        victim = pid;
-                        break;
-                    }
-                }
+                find();
             }
             return victim != 0 && (!ready || ready());
         },
-        timeoutMs);
-    if (!seen) {
-        return false;
-    }
+        60000);
     killed->append(victim);
-    return ::kill(victim, SIGKILL) == 0;
+    return seen && ::kill(victim, SIGKILL) == 0;
 }
 
 class FaultMatrixTest : public ::testing::Test
@@ -116,24 +91,21 @@ protected:
         // leftovers can be counted exactly while other suites run.
         sHome = std::make_unique<QTemporaryDir>();
         qputenv("HOME", sHome->path().toUtf8());
-        sClip = TestMedia::generate("hardening/h264-2s.mp4",
-                                    {"-f", "lavfi", "-i", "testsrc=duration=2:size=160x120:rate=25",
-                                     "-f", "lavfi", "-i", "sine=frequency=440:duration=2", "-c:v",
-                                     "libx264", "-pix_fmt", "yuv420p", "-c:a", "aac", "-shortest",
-                                     "-movflags", "+faststart"});
-        sLongClip = TestMedia::generate(
-            "hardening/h264-30s.mp4",
-            {"-f", "lavfi", "-i", "testsrc=duration=30:size=640x480:rate=25", "-f", "lavfi", "-i",
-             "sine=frequency=440:duration=30", "-c:v", "libx264", "-preset", "ultrafast",
-             "-pix_fmt", "yuv420p", "-c:a", "aac", "-shortest"});
-        sAudioOnly = TestMedia::generate(
-            "hardening/audio-only.m4a",
-            {"-f", "lavfi", "-i", "sine=frequency=440:duration=2", "-c:a", "aac"});
-        sStill = TestMedia::generate(
-            "hardening/still.png", {"-f", "lavfi", "-i", "testsrc=size=160x120", "-frames:v", "1"});
-        sNoFrames = TestMedia::generate(
-            "hardening/no-frames.mp4",
-            {"-f", "lavfi", "-i", "testsrc=size=160x120", "-frames:v", "0", "-c:v", "libx264"});
+        const auto make = [](const QString& name, const QString& args) {
+            return TestMedia::generate("hardening/" + name, args.split(' '));
+        };
+        const QString x264 = " -c:v libx264 -pix_fmt yuv420p -c:a aac -shortest";
+        sClip = make("h264-2s.mp4", "-f lavfi -i testsrc=duration=2:size=160x120:rate=25 -f lavfi "
+                                    "-i sine=frequency=440:duration=2 -movflags +faststart" +
+                                        x264);
+        sLongClip =
+            make("h264-30s.mp4", "-f lavfi -i testsrc=duration=30:size=640x480:rate=25 -f lavfi -i "
+                                 "sine=frequency=440:duration=30 -preset ultrafast" +
+                                     x264);
+        sAudioOnly = make("audio-only.m4a", "-f lavfi -i sine=frequency=440:duration=2 -c:a aac");
+        sStill = make("still.png", "-f lavfi -i testsrc=size=160x120 -frames:v 1");
+        sNoFrames =
+            make("no-frames.mp4", "-f lavfi -i testsrc=size=160x120 -frames:v 0 -c:v libx264");
     }
 
     static void TearDownTestSuite() { sHome.reset(); }
@@ -173,10 +145,9 @@ protected:
     // Runs one job to its end; `during` acts on the running job. Returns every
     // state the host saw.
     QList<int> runJob(const ConvertSource& source,
-                      const std::function<void(IAVTaskOperator&)>& during = {},
-                      int timeoutMs = 120000)
+                      const std::function<void(IAVTaskOperator&)>& during = {})
     {
-        return runOperator(rawCreateNvidiaFFmpegConverter(source, mOutput), during, timeoutMs);
+        return runOperator(rawCreateNvidiaFFmpegConverter(source, mOutput), during);
     }
 
     // The same on the worker path alone: the converter operator the
@@ -184,11 +155,11 @@ protected:
     QList<int> runWorkerJob(const ConvertSource& source,
                             const std::function<void(IAVTaskOperator&)>& during = {})
     {
-        return runOperator(createConverterContainRetryOp_IPC(source, mOutput), during, 120000);
+        return runOperator(createConverterContainRetryOp_IPC(source, mOutput), during);
     }
 
     QList<int> runOperator(QSharedPointer<IAVTaskOperator> op,
-                           const std::function<void(IAVTaskOperator&)>& during, int timeoutMs)
+                           const std::function<void(IAVTaskOperator&)>& during)
     {
         QList<int> states;
         {
@@ -197,7 +168,7 @@ protected:
             if (during) {
                 during(*op);
             }
-            EXPECT_TRUE(bus.waitForFinalState(timeoutMs)) << "no final state";
+            EXPECT_TRUE(bus.waitForFinalState(120000)) << "no final state";
             // Late reports would show up here.
             QTest::qWait(300);
             states = bus.states();
@@ -230,22 +201,11 @@ protected:
         }
     }
 
-    static std::unique_ptr<QTemporaryDir> sHome;
-    static QString sClip;
-    static QString sLongClip;
-    static QString sAudioOnly;
-    static QString sStill;
-    static QString sNoFrames;
+    static inline std::unique_ptr<QTemporaryDir> sHome;
+    static inline QString sClip, sLongClip, sAudioOnly, sStill, sNoFrames;
     QTemporaryDir mDir;
     AVTaskOutputParam mOutput;
 };
-
-std::unique_ptr<QTemporaryDir> FaultMatrixTest::sHome;
-QString FaultMatrixTest::sClip;
-QString FaultMatrixTest::sLongClip;
-QString FaultMatrixTest::sAudioOnly;
-QString FaultMatrixTest::sStill;
-QString FaultMatrixTest::sNoFrames;
 
 QString writeFile(const QString& path, const QByteArray& content)
 {
