@@ -99,144 +99,142 @@ TEST(FFmpegCommand, WholeCommands)
 
 // Each row changes the base job; `present` holds runs of consecutive elements
 // ('|' between elements, '#' between runs), `absent` elements that must not occur.
-TEST(FFmpegCommand, Options){const struct {const char * name;
-std::function<void(Job&)> change;
-const char* present;
-const char* absent;
-}
-cases[] =
-    {{"no output audio codec: -an only",
-      [](Job& j) {
-          j.param.audio.codecName.clear();
-          audioNumbers(j, 128, 44100, 2);
-      },
-      "-an", "-acodec|-ab|-ar|-ac"},
-     {"input without audio",
-      [](Job& j) { j.facts.info = videoInfo(1920, 1080, "h264", 0, 0, 1, false); },
-      "-threads 4|-i|\"/in/my clip.mp4\"|-an|-vcodec", "-acodec"},
-     {"PCM", [](Job& j) { j.param.audio.codecName = "PCM"; }, "-acodec|pcm_s16le", "-an"},
-     {"adpcm", [](Job& j) { j.param.audio.codecName = "adpcm"; }, "-acodec|adpcm_ima_wav", ""},
-     {"audio codec 0 names no codec but keeps the numbers",
-      [](Job& j) {
-          j.param.audio.codecName = "0";
-          audioNumbers(j, 96, 0, 0);
-      },
-      "\"/in/my clip.mp4\"|-ab|96k|-vcodec", "-acodec|-an"},
-     {"audio numbers in order", [](Job& j) { audioNumbers(j, 128, 44100, 1); },
-      "-acodec|aac|-ab|128k|-ar|44100|-ac|1|-vcodec", ""},
-     {"zero and negative audio numbers left out", [](Job& j) { audioNumbers(j, 0, -1, 0); },
-      "-acodec|aac|-vcodec", "-ab|-ar|-ac"},
-     {"Intel with the explicit device",
-      [](Job& j) {
-          gpu(j, "Intel(R) UHD Graphics 630");
-          j.facts.qsvDeviceInitExplicit = true;
-      },
-      "-y|-init_hw_device qsv=hw,child_device_type=d3d11va|-hwaccel qsv|-c:v h264_qsv|-threads "
-      "4",
-      ""},
-     {"Intel, HEVC input", [](Job& j) { gpu(j, "Intel(R) Arc A770", true, "h265"); },
-      "-y|-hwaccel qsv|-c:v hevc_qsv|-threads 4", ""},
-     {"Intel, other input codec: no decoder", [](Job& j) { gpu(j, "Intel(R) UHD", true, "mpeg4"); },
-      "-y|-hwaccel qsv|-threads 4", ""},
-     {"input codec compared case-sensitively", [](Job& j) { gpu(j, "NVIDIA T400", true, "H264"); },
-      "-y|-hwaccel cuvid|-threads 4", ""},
-     {"NVIDIA", [](Job& j) { gpu(j, "NVIDIA GeForce GTX 1650"); },
-      "-y|-hwaccel cuvid|-c:v h264_cuvid|-threads 4", ""},
-     "-hwaccel cuvid|-c:v hevc_cuvid",
-     ""},
-    {"neither maker: auto, plain encoder, no graph",
-     [](Job& j) {
-         gpu(j, "Generic Display Adapter");
-         size(j, 1280, 720);
-     },
-     "-y|-hwaccel auto|-threads 4#-vcodec|h264|-r", "-lavfi"},
-    {"GPU names matched case-sensitively", [](Job& j) { gpu(j, "nvidia geforce"); },
-     "-hwaccel auto#-vcodec|h264|-r", "h264_nvenc"},
-    {"Intel without the hardware flag: QSV encoder and graph",
-     [](Job& j) {
-         gpu(j, "Intel(R) Iris(R) Xe Graphics", false);
-         size(j, 1280, 720);
-         j.facts.qsvDeviceInitExplicit = true;
-     },
-     "-y|-threads 4#-vcodec|h264_qsv|-lavfi|\"vpp_qsv=w=1280:h=720\"", ""},
-    "-vtag hvc1|-vcodec|hevc_nvenc", "-bf 0"
-}
-,
-    {"h264 on NVIDIA: -bf 0, bit rate without limits",
-     [](Job& j) {
-         gpu(j, "NVIDIA RTX A2000", false);
-         j.param.video.bitrateKbps = 6000;
-     },
-     "-vcodec|h264_nvenc|-bf 0#-vb|6000k|-r", "-minrate 6000k|-vtag hvc1"},
-    {"h265 on Intel",
-     [](Job& j) {
-         gpu(j, "Intel(R) UHD", false);
-         j.param.video.codecName = "H265";
-     },
-     "-vtag hvc1|-vcodec|hevc_qsv", ""},
-    {"plain h265", [](Job& j) { j.param.video.codecName = "h265"; }, "-vtag hvc1|-vcodec|hevc", ""},
-    {"bit rate with limits on the software path", [](Job& j) { j.param.video.bitrateKbps = 3000; },
-     "-vb|3000k|-minrate 3000k|-maxrate 3000k|-bufsize 6000k|-r|30", ""},
-    {"video codec 0: no encoder, rest kept",
-     [](Job& j) {
-         gpu(j, "NVIDIA", false);
-         j.param.video.codecName = "0";
-     },
-     "-acodec|aac|-lavfi|\"hwdownload,format=nv12\"|-r|30", "-vcodec|-vn"},
-    "-vcodec|h264_nvenc|-bf 0|-lavfi|\"hwdownload,format=nv12\"|-r", ""
-}
-,
-    {"Intel: no -lavfi for an empty graph", [](Job& j) { gpu(j, "Intel", false); },
-     "-vcodec|h264_qsv|-r", "-lavfi"},
-    {"no graph without both output sizes",
-     [](Job& j) {
-         gpu(j, "NVIDIA", false);
-         size(j, 0, 1080);
-     },
-     "-bf 0|-r", "-lavfi"},
-    {"no graph without output height",
-     [](Job& j) {
-         gpu(j, "Intel", false);
-         size(j, 1280, 0);
-     },
-     "-vcodec|h264_qsv|-r", "-lavfi"},
-    {"a graph that cannot be built adds nothing",
-     [](Job& j) {
-         gpu(j, "NVIDIA", false);
-         j.source.waterMark = {mark("/wm/missing.png", 0, 0, 1, 1, 1)};
-     },
-     "-bf 0|-r", "-lavfi"},
-    {"no output video codec: -vn", [](Job& j) { j.param.video.codecName.clear(); },
-     "-acodec|aac|-vn|-g 15|-crf 26", "-vcodec|-r"},
-    {"input without video: -vn", [](Job& j) { j.facts.info = audioOnlyInfo(); },
-     "-vn|-g 15|-crf 21", "-vcodec"},
-    {"watermarks are inputs in order",
-     [](Job& j) {
-         j.source.waterMark = {mark(kWide, 0, 0, 1, 1, 1), mark(kSquare, 5, 5, 0.5, 1, 1)};
-     },
-     "-threads 4|-i|\"/in/my clip.mp4\"|-i|\"/wm/wide.png\"|-i|\"/wm/square.png\"|-acodec", ""},
-    {"unknown format: empty muxer", [](Job& j) { j.param.format = "no-such"; },
-     "-f||\"/out/result file.mp4\"", ""},
-    {"Intel without the hardware flag: no device, no -hwaccel",
-     [](Job& j) {
-         gpu(j, "Intel(R) UHD Graphics 630", false);
-         j.facts.qsvDeviceInitExplicit = true;
-     },
-     "-y|-threads 4", "-hwaccel qsv|-init_hw_device qsv=hw,child_device_type=d3d11va"},
-}
-;
-for (const auto& c : cases) {
-    Job job = baseJob();
-    c.change(job);
-    const QString args = '|' + build(job) + '|';
-    for (const QString& run : QString(c.present).split('#')) {
-        EXPECT_TRUE(args.contains('|' + run + '|')) << c.name << ": " << args.toStdString();
+TEST(FFmpegCommand, Options)
+{
+    const struct
+    {
+        const char* name;
+        std::function<void(Job&)> change;
+        const char* present;
+        const char* absent;
+    } cases[] = {
+        {"no output audio codec: -an only",
+         [](Job& j) {
+             j.param.audio.codecName.clear();
+             audioNumbers(j, 128, 44100, 2);
+         },
+         "-an", "-acodec|-ab|-ar|-ac"},
+        {"input without audio",
+         [](Job& j) { j.facts.info = videoInfo(1920, 1080, "h264", 0, 0, 1, false); },
+         "-threads 4|-i|\"/in/my clip.mp4\"|-an|-vcodec", "-acodec"},
+        {"PCM", [](Job& j) { j.param.audio.codecName = "PCM"; }, "-acodec|pcm_s16le", "-an"},
+        {"adpcm", [](Job& j) { j.param.audio.codecName = "adpcm"; }, "-acodec|adpcm_ima_wav", ""},
+        {"audio codec 0 names no codec but keeps the numbers",
+         [](Job& j) {
+             j.param.audio.codecName = "0";
+             audioNumbers(j, 96, 0, 0);
+         },
+         "\"/in/my clip.mp4\"|-ab|96k|-vcodec", "-acodec|-an"},
+        {"audio numbers in order", [](Job& j) { audioNumbers(j, 128, 44100, 1); },
+         "-acodec|aac|-ab|128k|-ar|44100|-ac|1|-vcodec", ""},
+        {"zero and negative audio numbers left out", [](Job& j) { audioNumbers(j, 0, -1, 0); },
+         "-acodec|aac|-vcodec", "-ab|-ar|-ac"},
+        {"Intel with the explicit device",
+         [](Job& j) {
+             gpu(j, "Intel(R) UHD Graphics 630");
+             j.facts.qsvDeviceInitExplicit = true;
+         },
+         "-y|-init_hw_device qsv=hw,child_device_type=d3d11va|-hwaccel qsv|-c:v h264_qsv|-threads "
+         "4",
+         ""},
+        {"Intel, HEVC input", [](Job& j) { gpu(j, "Intel(R) Arc A770", true, "h265"); },
+         "-y|-hwaccel qsv|-c:v hevc_qsv|-threads 4", ""},
+        {"Intel, other input codec: no decoder",
+         [](Job& j) { gpu(j, "Intel(R) UHD", true, "mpeg4"); }, "-y|-hwaccel qsv|-threads 4", ""},
+        {"input codec compared case-sensitively",
+         [](Job& j) { gpu(j, "NVIDIA T400", true, "H264"); }, "-y|-hwaccel cuvid|-threads 4", ""},
+        {"NVIDIA", [](Job& j) { gpu(j, "NVIDIA GeForce GTX 1650"); },
+         "-y|-hwaccel cuvid|-c:v h264_cuvid|-threads 4", ""},
+        {"neither maker: auto, plain encoder, no graph",
+         [](Job& j) {
+             gpu(j, "Generic Display Adapter");
+             size(j, 1280, 720);
+         },
+         "-y|-hwaccel auto|-threads 4#-vcodec|h264|-r", "-lavfi"},
+        {"GPU names matched case-sensitively", [](Job& j) { gpu(j, "nvidia geforce"); },
+         "-hwaccel auto#-vcodec|h264|-r", "h264_nvenc"},
+        {"Intel without the hardware flag: QSV encoder and graph",
+         [](Job& j) {
+             gpu(j, "Intel(R) Iris(R) Xe Graphics", false);
+             size(j, 1280, 720);
+             j.facts.qsvDeviceInitExplicit = true;
+         },
+         "-y|-threads 4#-vcodec|h264_qsv|-lavfi|\"vpp_qsv=w=1280:h=720\"", ""},
+        {"h264 on NVIDIA: -bf 0, bit rate without limits",
+         [](Job& j) {
+             gpu(j, "NVIDIA RTX A2000", false);
+             j.param.video.bitrateKbps = 6000;
+         },
+         "-vcodec|h264_nvenc|-bf 0#-vb|6000k|-r", "-minrate 6000k|-vtag hvc1"},
+        {"h265 on Intel",
+         [](Job& j) {
+             gpu(j, "Intel(R) UHD", false);
+             j.param.video.codecName = "H265";
+         },
+         "-vtag hvc1|-vcodec|hevc_qsv", ""},
+        {"plain h265", [](Job& j) { j.param.video.codecName = "h265"; }, "-vtag hvc1|-vcodec|hevc",
+         ""},
+        {"bit rate with limits on the software path",
+         [](Job& j) { j.param.video.bitrateKbps = 3000; },
+         "-vb|3000k|-minrate 3000k|-maxrate 3000k|-bufsize 6000k|-r|30", ""},
+        {"video codec 0: no encoder, rest kept",
+         [](Job& j) {
+             gpu(j, "NVIDIA", false);
+             j.param.video.codecName = "0";
+         },
+         "-acodec|aac|-lavfi|\"hwdownload,format=nv12\"|-r|30", "-vcodec|-vn"},
+        {"Intel: no -lavfi for an empty graph", [](Job& j) { gpu(j, "Intel", false); },
+         "-vcodec|h264_qsv|-r", "-lavfi"},
+        {"no graph without both output sizes",
+         [](Job& j) {
+             gpu(j, "NVIDIA", false);
+             size(j, 0, 1080);
+         },
+         "-bf 0|-r", "-lavfi"},
+        {"no graph without output height",
+         [](Job& j) {
+             gpu(j, "Intel", false);
+             size(j, 1280, 0);
+         },
+         "-vcodec|h264_qsv|-r", "-lavfi"},
+        {"a graph that cannot be built adds nothing",
+         [](Job& j) {
+             gpu(j, "NVIDIA", false);
+             j.source.waterMark = {mark("/wm/missing.png", 0, 0, 1, 1, 1)};
+         },
+         "-bf 0|-r", "-lavfi"},
+        {"no output video codec: -vn", [](Job& j) { j.param.video.codecName.clear(); },
+         "-acodec|aac|-vn|-g 15|-crf 26", "-vcodec|-r"},
+        {"input without video: -vn", [](Job& j) { j.facts.info = audioOnlyInfo(); },
+         "-vn|-g 15|-crf 21", "-vcodec"},
+        {"watermarks are inputs in order",
+         [](Job& j) {
+             j.source.waterMark = {mark(kWide, 0, 0, 1, 1, 1), mark(kSquare, 5, 5, 0.5, 1, 1)};
+         },
+         "-threads 4|-i|\"/in/my clip.mp4\"|-i|\"/wm/wide.png\"|-i|\"/wm/square.png\"|-acodec", ""},
+        {"unknown format: empty muxer", [](Job& j) { j.param.format = "no-such"; },
+         "-f||\"/out/result file.mp4\"", ""},
+        {"Intel without the hardware flag: no device, no -hwaccel",
+         [](Job& j) {
+             gpu(j, "Intel(R) UHD Graphics 630", false);
+             j.facts.qsvDeviceInitExplicit = true;
+         },
+         "-y|-threads 4", "-hwaccel qsv|-init_hw_device qsv=hw,child_device_type=d3d11va"},
+    };
+    for (const auto& c : cases) {
+        Job job = baseJob();
+        c.change(job);
+        const QString args = '|' + build(job) + '|';
+        for (const QString& run : QString(c.present).split('#')) {
+            EXPECT_TRUE(args.contains('|' + run + '|')) << c.name << ": " << args.toStdString();
+        }
+        for (const QString& element : QString(c.absent).split('|', Qt::SkipEmptyParts)) {
+            EXPECT_FALSE(args.contains('|' + element + '|'))
+                << c.name << ": " << element.toStdString();
+        }
+        EXPECT_TRUE(args.startsWith("|-v error|-progress|\"/tmp/run 1/progress.txt\"|-y|"))
+            << c.name;
     }
-    for (const QString& element : QString(c.absent).split('|', Qt::SkipEmptyParts)) {
-        EXPECT_FALSE(args.contains('|' + element + '|')) << c.name << ": " << element.toStdString();
-    }
-    EXPECT_TRUE(args.startsWith("|-v error|-progress|\"/tmp/run 1/progress.txt\"|-y|")) << c.name;
-}
 }
 
 TEST(FFmpegCommand, FrameRateAndThreads)
