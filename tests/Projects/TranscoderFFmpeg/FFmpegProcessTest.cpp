@@ -228,7 +228,7 @@ TEST_F(FFmpegProcessTest, OperatorEndings)
         if (c.outputKept >= 0) {
             EXPECT_EQ(QFileInfo::exists(mOutput.outputPath), c.outputKept == 1);
         }
-        EXPECT_TRUE(log.contains(c.logged));
+        EXPECT_TRUE(QString(c.logged).isEmpty() || log.contains(c.logged));
         EXPECT_TRUE(QString(c.debugLogged).isEmpty() || debugSeen(c.debugLogged));
     }
 }
@@ -378,7 +378,7 @@ TEST_F(FFmpegProcessTest, StartFailuresAndRefusedJobs)
         EXPECT_EQ(valuesOf(*run.states), c.states);
         EXPECT_EQ(run.progress->count(), 0);
         EXPECT_EQ(QString::number(int(run.task->state())), QString(c.states).isEmpty() ? "0" : "6");
-        EXPECT_TRUE(log.contains(c.logged));
+        EXPECT_TRUE(QString(c.logged).isEmpty() || log.contains(c.logged));
         EXPECT_FALSE(QFileInfo::exists(output.outputPath + ".args"));
         EXPECT_EQ(QFileInfo(output.outputPath).size(), 0);
     }

@@ -311,7 +311,7 @@ TEST_F(FaultMatrixTest, BadInputsEndInOneDefinedState)
         EXPECT_EQ(states.count(5) + states.count(6), 1);
         expectOutputMatches(last);
         EXPECT_TRUE(last != 6 || log.contains("Complete convert failed"));
-        EXPECT_TRUE(log.contains(c.logged));
+        EXPECT_TRUE(QString(c.logged).isEmpty() || log.contains(c.logged));
         EXPECT_EQ(digest(source.filePath), before) << "the input was changed";
     }
 }
@@ -580,7 +580,7 @@ TEST_F(FaultMatrixTest, ProcessFaults)
 
         EXPECT_EQ(runJob(source, c.during), c.states);
 
-        EXPECT_TRUE(log.contains(c.logged)) << logText(log).toStdString();
+        EXPECT_TRUE(c.logged.isEmpty() || log.contains(c.logged)) << logText(log).toStdString();
         EXPECT_EQ(log.count("Complete convert failed"), c.failures);
         EXPECT_EQ(log.contains("the worker crashed without reporting a result"), bool(scripted));
         if (scripted) {
