@@ -221,6 +221,14 @@ TEST(FilterGraph, Watermarks)
          "[0:v]vpp_qsv=w=960:h=540[video];"
          "[1:v]hwupload=extra_hw_frames=10,vpp_qsv=cx=0:cy=0:cw=175:ch=100[mark1];"
          "[video][mark1]overlay_qsv=x=540:y=150:w=420:h=240:alpha=255"},
+        // Touching the right edge is not past it: nothing is cut.
+        {"touching the right edge", in(1920, 1080), kNoCrop,
+         marks(mark(kWide, 480, 0, 1, 0.5f, 0.5f)), 960, 540,
+         "[0:v]scale_cuda=w=960:h=540,hwdownload,format=nv12[video];"
+         "[1:v]scale=w=480:h=240,format=yuva444p,colorchannelmixer=aa=1[mark1];"
+         "[video][mark1]overlay=x=480:y=150",
+         "[0:v]vpp_qsv=w=960:h=540[video];[1:v]hwupload=extra_hw_frames=10[mark1];"
+         "[video][mark1]overlay_qsv=x=480:y=150:w=480:h=240:alpha=255"},
         {"past the bottom edge", in(1920, 1080), kNoCrop,
          marks(mark(kWide, 0, -400, 1, 0.5f, 0.5f)), 960, 540,
          "[0:v]scale_cuda=w=960:h=540,hwdownload,format=nv12[video];[1:v]scale=w=480:h=240,format="
