@@ -3,11 +3,8 @@
 #include "Common/OutputRules.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
-#include <QList>
 #include <QMap>
 #include <QSize>
-
-#include <optional>
 
 // Media facts and jobs made in the tests, so the builders run without files.
 namespace CommandJobs {
@@ -31,8 +28,6 @@ inline QSharedPointer<Korvane::MediaInfoV3> videoInfo(int width, int height,
         Korvane::MediaInfoAudioStream audio;
         audio.index = 1;
         audio.codecName = "aac";
-        audio.channels = 2;
-        audio.sampleRate = 48000;
         info->audioStreams << audio;
     }
     return info;
@@ -41,10 +36,7 @@ inline QSharedPointer<Korvane::MediaInfoV3> videoInfo(int width, int height,
 inline QSharedPointer<Korvane::MediaInfoV3> audioOnlyInfo()
 {
     auto info = QSharedPointer<Korvane::MediaInfoV3>::create();
-    Korvane::MediaInfoAudioStream audio;
-    audio.index = 0;
-    audio.codecName = "mp3";
-    info->audioStreams << audio;
+    info->audioStreams << Korvane::MediaInfoAudioStream();
     return info;
 }
 
@@ -64,26 +56,6 @@ inline Korvane::MediaInfoProbe pictureProbe(const QMap<QString, QSize>& pictures
     };
 }
 
-inline Korvane::AVTaskOutputParam::Video videoOut(int width, int height)
-{
-    Korvane::AVTaskOutputParam::Video video;
-    video.codecName = "h264";
-    video.width = width;
-    video.height = height;
-    return video;
-}
-
-inline Korvane::CropParam crop(double x, double y, double w, double h, bool flipX = false,
-                               bool flipY = false, int rotation = 0)
-{
-    return Korvane::CropParam{x, y, w, h, flipX, flipY, rotation};
-}
-
-inline Korvane::CropParam fullPicture(bool flipX = false, bool flipY = false, int rotation = 0)
-{
-    return crop(0.0, 0.0, 1.0, 1.0, flipX, flipY, rotation);
-}
-
 inline Korvane::WaterMarkParam mark(const QString& path, int centerX, int centerY, float alpha,
                                     float scaleX, float scaleY)
 {
@@ -94,29 +66,6 @@ inline Korvane::WaterMarkParam mark(const QString& path, int centerX, int center
     m.scaleX = scaleX;
     m.scaleY = scaleY;
     return m;
-}
-
-// One row of a filter-graph table: the input's facts, the job's edits, the
-// output size and the graph text expected.
-struct GraphCase
-{
-    const char* name;
-    QSharedPointer<Korvane::MediaInfoV3> info;
-    std::optional<Korvane::CropParam> crop;
-    QList<Korvane::WaterMarkParam> waterMarks;
-    int outW;
-    int outH;
-    QString expected;
-};
-
-// The job of a table row.
-inline Korvane::ConvertSource graphSource(const GraphCase& c)
-{
-    Korvane::ConvertSource source;
-    source.filePath = "/in/clip.mp4";
-    source.crop = c.crop;
-    source.waterMark = c.waterMarks;
-    return source;
 }
 
 } // namespace CommandJobs

@@ -1,18 +1,12 @@
 // A stand-in for the ffmpeg program, built once per behaviour (FAKE_FFMPEG_MODE).
-// It takes the progress file from "-progress PATH" and the output from the last
-// argument, as the real one does, writes a small output file and the arguments
-// it received (one per line, to OUTPUT.args), and then plays its part:
-//
-//   success      progress blocks at 0.5 s steps of output time, then the end marker; exit 0
-//   noend        the same blocks without the end marker; exit 0
-//   fail         one block; exit 1
-//   stderr       one block, a line on standard error, then waits to be killed
-//   errorexit0   all blocks with the end marker, a line on standard error; exit 0
-//   hang         one block, then waits to be killed
-//   crash        one block, then aborts
-//   blocked      a folder where the progress file belongs for a while (the file
-//                cannot be opened), then the whole report; exit 0
-//   torn         lines left half-written across several polls; exit 0
+// Like the real one it takes the progress file from "-progress PATH" and the
+// output from the last argument; it writes a small output file and the
+// arguments it received (one per line, to OUTPUT.args), then plays its part:
+// success (report with end marker, exit 0), noend (no end marker), fail (one
+// block, exit 1), stderr (one block and an error line, then waits to be
+// killed), errorexit0 (whole report, an error line, exit 0), hang, crash,
+// blocked (a folder stands where the progress file belongs for a while) and
+// torn (lines left half-written across several polls).
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
