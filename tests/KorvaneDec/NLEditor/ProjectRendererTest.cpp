@@ -108,8 +108,8 @@ TEST(ProjectRenderer, TimelineLengthIsTheCutsPlayedAtSpeed)
         double speed;
         double seconds;
     };
-    for (const Row& row : {Row{{{0, 600}, {1200, 700}}, 1.0, 1.3}, Row{{{200, 800}}, 0.5, 1.6},
-                           Row{{{0, 1000}, {1000, 1000}}, 2.0, 1.0}}) {
+    for (const Row& row : {Row{{{500, 1000}}, 1.0, 1.0}, Row{{{0, 600}, {1200, 700}}, 1.0, 1.3},
+                           Row{{{200, 800}}, 0.5, 1.6}, Row{{{0, 1000}, {1000, 1000}}, 2.0, 1.0}}) {
         QJsonArray clips;
         double pos = 0.0;
         for (const auto& [begin, length] : row.cuts) {
@@ -400,4 +400,36 @@ TEST(ProjectRenderer, StopMidRenderLeavesTheOutputPathAsItWas)
     const QFileInfo info(out.outputPath);
     EXPECT_EQ(info.dir().entryList({"*" + info.fileName() + "*"}, QDir::Files | QDir::Hidden),
               QStringList{info.fileName()});
+}
+
+TEST(ProjectRenderer, EmbeddedSubtitlesOfRealFilesAreDrawn)
+{
+    const QString shared = TestMedia::sharedMediaDir();
+    if (shared.isEmpty()) {
+        GTEST_SKIP() << "shared media folder absent";
+    }
+    // Each file has one cue on stream 2 from the start to about 1.2 s: SubRip
+    // text drawn by libass, and a DVD picture overlaid. The second file's
+    // pictures all fall in its first 49 ms: only its first frame is looked at.
+    for (const auto& [name, atS] : {std::pair{"h264-ac3-srt-subtitle.mkv", 0.6},
+                                    std::pair{"h264-ac3-vobsub-subtitle.mkv", 0.0}}) {
+        SCOPED_TRACE(name);
+        const QString source = shared + "/" + name;
+        auto make = [&](bool display) {
+            QJsonObject main = mainClip(source, 0, 1200, 0);
+            main.insert("transform", transform(1080, 720));
+            main.insert("subtitles", QJsonArray{QJsonObject{{"embedded_subtitle_stream_index", 2},
+                                                            {"attached_file_path", source},
+                                                            {"display", display}}});
+            const AVTaskOutputParam out = output("real-subtitles.mp4");
+            EXPECT_EQ(render(document(1080, 720, 25, {main}), out).status, RenderStatus::Finished);
+            return out.outputPath;
+        };
+        const QString shown = make(true);
+        const QString hidden = make(false);
+        const double subtitleArea = difference(shown, hidden, atS, {0, 560, 1080, 160});
+        // Above the cue only the coding of a re-encoded frame differs.
+        EXPECT_GT(subtitleArea, 3.0);
+        EXPECT_LT(difference(shown, hidden, atS, {0, 0, 1080, 200}), subtitleArea / 4.0);
+    }
 }
