@@ -199,6 +199,10 @@ TEST(ProjectRenderer, VolumeAndAttachedAudioAtItsTimelinePosition)
 {
     QJsonObject main = clip(clipWithSound(), 0, 2000);
     main.insert("audio_filters", QJsonArray{QJsonObject{{"name", "Volume"}, {"value", 50}}});
+    // A mosaic result made on another machine is left out, with one note.
+    const QJsonObject mosaic{{"name", "AIMosaic"}, {"value", "/elsewhere/mosaic.json"}};
+    main.insert("video_filters", QJsonArray{mosaic, mosaic});
+    LogCapture log;
     QJsonObject tone = clip(toneFile(), 0, 1000, 1000, 1.0, "audio");
     tone.insert("track_ref", "track_7");
     tone.insert("file_audio_stream_index", -1);
@@ -209,6 +213,7 @@ TEST(ProjectRenderer, VolumeAndAttachedAudioAtItsTimelinePosition)
     const double before = meanVolume(mixed, 0.2, 0.7);
     EXPECT_NEAR(before - meanVolume(clipWithSound(), 0.2, 0.7), -6.02, 0.7);
     EXPECT_GT(meanVolume(mixed, 1.1, 0.8), before + 4.0);
+    EXPECT_EQ(log.count("AIMosaic result \"/elsewhere/mosaic.json\" is not available here"), 1);
 }
 
 // Each with a cover and a title: the output record chooses codecs, size,
