@@ -13,42 +13,43 @@
 
 namespace RenderTest {
 
+namespace {
+
+QString generate(const QString& name, const QString& args)
+{
+    return TestMedia::generate("engine/" + name, args.split(QLatin1Char(' ')));
+}
+
+} // namespace
+
 QString clipWithSound()
 {
-    return TestMedia::generate(
-        QStringLiteral("engine/pattern-tone.mp4"),
-        {"-f",       "lavfi",   "-i",   "testsrc2=size=160x120:rate=25:duration=2",
-         "-f",       "lavfi",   "-i",   "sine=frequency=440:sample_rate=48000:duration=2",
-         "-ac",      "2",       "-c:v", "libx264",
-         "-pix_fmt", "yuv420p", "-g",   "5",
-         "-c:a",     "aac",     "-b:a", "128k"});
+    return generate("pattern-tone.mp4",
+                    "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 -f lavfi -i "
+                    "sine=frequency=440:sample_rate=48000:duration=2 -ac 2 -c:v libx264 -pix_fmt "
+                    "yuv420p -g 5 -c:a aac -b:a 128k");
 }
 
 QString clipWithoutSound()
 {
-    return TestMedia::generate(QStringLiteral("engine/pattern.mp4"),
-                               {"-f", "lavfi", "-i", "testsrc2=size=160x120:rate=25:duration=2",
-                                "-c:v", "libx264", "-pix_fmt", "yuv420p", "-g", "5"});
+    return generate("pattern.mp4", "-f lavfi -i testsrc2=size=160x120:rate=25:duration=2 -c:v "
+                                   "libx264 -pix_fmt yuv420p -g 5");
 }
 
 QString toneFile()
 {
-    return TestMedia::generate(QStringLiteral("engine/tone-1k.m4a"),
-                               {"-f", "lavfi", "-i",
-                                "sine=frequency=1000:sample_rate=48000:duration=3", "-ac", "2",
-                                "-c:a", "aac", "-b:a", "128k"});
+    return generate("tone-1k.m4a", "-f lavfi -i sine=frequency=1000:sample_rate=48000:duration=3 "
+                                   "-ac 2 -c:a aac -b:a 128k");
 }
 
 QString watermarkPng()
 {
-    return TestMedia::generate(QStringLiteral("engine/mark.png"),
-                               {"-f", "lavfi", "-i", "color=c=red:size=40x30", "-frames:v", "1"});
+    return generate("mark.png", "-f lavfi -i color=c=red:size=40x30 -frames:v 1");
 }
 
 QString coverJpeg()
 {
-    return TestMedia::generate(QStringLiteral("engine/cover.jpg"),
-                               {"-f", "lavfi", "-i", "color=c=blue:size=64x64", "-frames:v", "1"});
+    return generate("cover.jpg", "-f lavfi -i color=c=blue:size=64x64 -frames:v 1");
 }
 
 QString outputPath(const QString& name)
@@ -64,24 +65,15 @@ QString outputPath(const QString& name)
 QJsonObject mainClip(const QString& path, qint64 beginMs, qint64 lengthMs, double posMs,
                      double speed, const QString& kind)
 {
-    return QJsonObject{{"id", "clip_0"},
-                       {"type", "clip"},
-                       {"kind", kind},
-                       {"file_path", path},
-                       {"track_ref", "track_0"},
-                       {"timeline_pos", posMs},
-                       {"range_begin", beginMs},
-                       {"range_length", lengthMs},
-                       {"speed", speed},
-                       {"stream_index", 0},
-                       {"file_audio_stream_index", 1}};
+    return QJsonObject{{"kind", kind},           {"file_path", path},
+                       {"track_ref", "track_0"}, {"timeline_pos", posMs},
+                       {"range_begin", beginMs}, {"range_length", lengthMs},
+                       {"speed", speed},         {"file_audio_stream_index", 1}};
 }
 
 QJsonObject transform(int bgW, int bgH, const QString& crop, int rotation, bool flipX, bool flipY)
 {
-    return QJsonObject{{"id", "transform_0"},
-                       {"type", "transform"},
-                       {"bg_size", QStringLiteral("%1,%2").arg(bgW).arg(bgH)},
+    return QJsonObject{{"bg_size", QStringLiteral("%1,%2").arg(bgW).arg(bgH)},
                        {"crop", crop},
                        {"flip_x", flipX},
                        {"flip_y", flipY},
@@ -91,29 +83,19 @@ QJsonObject transform(int bgW, int bgH, const QString& crop, int rotation, bool 
 QJsonObject document(int width, int height, double fps, const QJsonArray& clips,
                      const QJsonArray& extraTracks)
 {
-    QJsonArray tracks{QJsonObject{{"id", "track_0"},
-                                  {"type", "track"},
-                                  {"kind", "video"},
-                                  {"z_order", 0},
-                                  {"trunk", true},
-                                  {"disabled", false},
-                                  {"mute", false}}};
+    QJsonArray tracks{QJsonObject{{"id", "track_0"}, {"kind", "video"}, {"trunk", true}}};
     for (const QJsonValue& track : extraTracks) {
         tracks.append(track);
     }
     return QJsonObject{
-        {"id", "/"},
-        {"preview_param",
-         QJsonObject{{"id", "preview_param"}, {"fps", fps}, {"width", width}, {"height", height}}},
+        {"preview_param", QJsonObject{{"fps", fps}, {"width", width}, {"height", height}}},
         {"tracks", tracks},
         {"clips", clips}};
 }
 
 bool ffmpeg(const QStringList& args)
 {
-    QStringList full{"-y", "-hide_banner", "-loglevel", "error"};
-    full << args;
-    return TestMedia::run(TestMedia::ffmpeg(), full) == 0;
+    return TestMedia::run(TestMedia::ffmpeg(), QStringList{"-y", "-loglevel", "error"} + args) == 0;
 }
 
 Probe probe(const QString& path, bool countFrames)
@@ -221,12 +203,7 @@ double meanVolume(const QString& path, double startS, double lengthS)
     if (lengthS > 0) {
         args << "-t" << QString::number(lengthS);
     }
-    args << "-vn"
-         << "-af"
-         << "volumedetect"
-         << "-f"
-         << "null"
-         << "-";
+    args += QStringList{"-vn", "-af", "volumedetect", "-f", "null", "-"};
     const QString log = runForStderr(args);
     const QRegularExpressionMatch match =
         QRegularExpression(QStringLiteral("mean_volume: (-?[0-9.]+|-inf) dB")).match(log);
