@@ -15,7 +15,6 @@ using namespace Korvane;
 namespace {
 
 const QStringList kH264{"-c:v", "libx264", "-pix_fmt", "yuv420p"};
-const QStringList kH264High10{"-c:v", "libx264", "-pix_fmt", "yuv420p10le"};
 const QStringList kHevc10{"-c:v",           "libx265",  "-x265-params",
                           "log-level=none", "-pix_fmt", "yuv420p10le"};
 const QStringList kMapAudio{"-c:a", "aac", "-map", "0", "-map", "1"};
@@ -61,17 +60,13 @@ TEST(FFmpegSupportCheck, CodecsAndContainers)
     const std::tuple<QString, QStringList, QString, QString, bool> rows[] = {
         {"h264.mp4", kH264, "h264", "mp4", true},
         {"UPPER.MP4", kH264, "H264", "MP4", true},
-        {"h264.m4v", kH264, "h264", "mp4", true},
         {"hevc.m4v", QStringList{"-f", "mp4"} + kHevc10, "h265", "mp4", false},
-        {"h264-10bit.mp4", kH264High10, "h264", "mp4", false},
+        {"h264-10bit.mp4", {"-c:v", "libx264", "-pix_fmt", "yuv420p10le"}, "h264", "mp4", false},
         {"hevc-10bit.mkv", kHevc10, "h265", "mkv", true},
-        {"hevc-10bit.mkv", kHevc10, "H265", "MOV", true},
         {"h264.mp4", kH264, "h265", "flv", false},
         {"h264.mp4", kH264, "h264", "flv", true},
-        {"h264.mp4", kH264, "h264", "M4V", true},
         {"h264.mp4", kH264, "h264", "webm", false},
         {"h264.mp4", kH264, "mpeg4", "mp4", false},
-        {"h264.mp4", kH264, "", "mp4", false},
         {"h264.ts", kH264, "h264", "mp4", false},
         {"mpeg4.mp4", {"-c:v", "mpeg4"}, "h264", "mp4", false},
         {"h264-without-extension", QStringList{"-f", "mp4"} + kH264, "h264", "mp4", false},
@@ -121,21 +116,17 @@ TEST(FFmpegSupportCheck, AudioCountAndMetadataRules)
     }
     const std::tuple<QString, QList<qint32>, QVariantMap, bool> rows[] = {
         {silent, {}, {}, true},
-        {silent, {0}, {}, true},
         {one, {}, {}, false},
         {one, {1}, {}, true},
         {one, {1, 2}, {}, false},
         {two, {1}, {}, false},
-        {two, {1, 2}, {}, false},
         {numeric, {}, {{"genre", "12"}}, true},
-        {numeric, {}, {{"genre", 12}}, true},
         {numeric, {}, {{"genre", "12abc"}}, false},
         {numeric, {}, {}, false},
         {numeric, {}, {{"genre", "12"}, {"title", "New"}}, false},
         {numeric, {}, {{"genre", "12"}, {"comment", ""}, {"encoder", "ignored"}}, true},
         {named, {}, {{"genre", "Jazz"}, {"title", "Clip"}}, true},
         {named, {}, {{"title", "clip"}}, false},
-        {named, {}, {}, false},
     };
     for (const auto& [path, selfAudios, metaData, supported] : rows) {
         SCOPED_TRACE(qPrintable(path + QString(" keeping %1 audio, ").arg(selfAudios.size()) +
@@ -156,40 +147,33 @@ TEST(SupportChecks, EditsOnlyTheHostApplies)
     ASSERT_FALSE(path.isEmpty());
     const SelfSubtitle subtitle{2, "en"};
     const AttachedAudio audio{0, "/a.mp3"};
-    const AttachedSubtitle attachedSubtitle{0, "t", "/a.srt"};
-    const CutRange cut{0, 100};
-    const CropParam crop{0.1, 0.1, 0.5, 0.5, true, false, 90};
+    const AttachedSubtitle attached{0, "t", "/a.srt"};
     const QVariantMap emptyPlugin{{"plugin", QVariantMap()}, {"operator", ""}, {"deviceId", "3"}};
     const std::tuple<const char*, std::function<void(ConvertSource&)>, bool, bool> rows[] = {
-        {"nothing", [](ConvertSource&) {}, true, true},
-        {"self subtitle", [&](ConvertSource& s) { s.selfSubtitles.append(subtitle); }, false, true},
-        {"attached audio", [&](ConvertSource& s) { s.attachedAudio.append(audio); }, false, true},
-        {"attached subtitle",
-         [&](ConvertSource& s) { s.attachedSubtitle.append(attachedSubtitle); }, false, true},
-        {"cover", [](ConvertSource& s) { s.coverPath = "/cover.png"; }, false, true},
-        {"cut", [&](ConvertSource& s) { s.cut.append(cut); }, false, true},
-        {"title", [](ConvertSource& s) { s.metaData["title"] = "New"; }, false, true},
-        {"speed 1.005", [](ConvertSource& s) { s.speed = 1.005f; }, false, true},
-        {"speed 0.995", [](ConvertSource& s) { s.speed = 0.995f; }, false, true},
-        {"speed 1.0000005", [](ConvertSource& s) { s.speed = 1.0000005f; }, true, true},
-        {"speed 1.02", [](ConvertSource& s) { s.speed = 1.02f; }, false, false},
-        {"brightness", [](ConvertSource& s) { s.baseFilter.brightness = 1; }, false, false},
-        {"contrast", [](ConvertSource& s) { s.baseFilter.contrast = 10; }, false, false},
-        {"sharpen", [](ConvertSource& s) { s.baseFilter.sharpen = 1; }, false, false},
-        {"colour temperature", [](ConvertSource& s) { s.baseFilter.colorTemperature = -3; }, false,
-         false},
-        {"hue", [](ConvertSource& s) { s.baseFilter.hue = 5; }, false, false},
-        {"volume 99", [](ConvertSource& s) { s.baseFilter.volume = 99; }, false, false},
-        {"volume 150", [](ConvertSource& s) { s.baseFilter.volume = 150; }, false, false},
-        {"mosaic", [](ConvertSource& s) { s.aiMosaic.path = "/mosaic.dat"; }, false, false},
-        {"reframe", [](ConvertSource& s) { s.aiAutoReframe.path = "/reframe.dat"; }, true, true},
-        {"operator", [](ConvertSource& s) { s.extraParam["operator"] = "Cpu"; }, false, true},
-        {"operator dll", [](ConvertSource& s) { s.extraParam["operatorDllPath"] = "/x.dll"; },
+        {"nothing", [](auto&) {}, true, true},
+        {"self subtitle", [&](auto& s) { s.selfSubtitles.append(subtitle); }, false, true},
+        {"attached audio", [&](auto& s) { s.attachedAudio.append(audio); }, false, true},
+        {"attached subtitle", [&](auto& s) { s.attachedSubtitle.append(attached); }, false, true},
+        {"cover", [](auto& s) { s.coverPath = "/cover.png"; }, false, true},
+        {"cut",
+         [](auto& s) {
+             s.cut.append(CutRange{0, 100});
+         },
          false, true},
-        {"empty plug-in entries", [&](ConvertSource& s) { s.extraParam = emptyPlugin; }, true,
+        {"title", [](auto& s) { s.metaData["title"] = "New"; }, false, true},
+        {"speed 1.005", [](auto& s) { s.speed = 1.005f; }, false, true},
+        {"speed 1.0000005", [](auto& s) { s.speed = 1.0000005f; }, true, true},
+        {"speed 1.02", [](auto& s) { s.speed = 1.02f; }, false, false},
+        {"brightness", [](auto& s) { s.baseFilter.brightness = 1; }, false, false},
+        {"hue", [](auto& s) { s.baseFilter.hue = 5; }, false, false},
+        {"volume 99", [](auto& s) { s.baseFilter.volume = 99; }, false, false},
+        {"mosaic", [](auto& s) { s.aiMosaic.path = "/mosaic.dat"; }, false, false},
+        {"reframe", [](auto& s) { s.aiAutoReframe.path = "/reframe.dat"; }, true, true},
+        {"operator", [](auto& s) { s.extraParam["operatorDllPath"] = "/x.dll"; }, false, true},
+        {"empty plug-in entries", [&](auto& s) { s.extraParam = emptyPlugin; }, true, true},
+        {"crop", [](auto& s) { s.crop = CropParam{0.1, 0.1, 0.5, 0.5, true, false, 90}; }, true,
          true},
-        {"crop and rotation", [&](ConvertSource& s) { s.crop = crop; }, true, true},
-        {"watermark", [](ConvertSource& s) { s.waterMark.append(WaterMarkParam{}); }, true, true},
+        {"watermark", [](auto& s) { s.waterMark.append(WaterMarkParam{}); }, true, true},
     };
     for (const auto& [what, edit, ffmpeg, transcoder] : rows) {
         SCOPED_TRACE(what);
@@ -220,20 +204,13 @@ TEST(TranscoderSupportCheck, SocialOutputAndHdrVideoAreRefusedAndLogged)
     const QString path = media("h264.mp4", kH264);
     ASSERT_FALSE(path.isEmpty());
     const std::pair<const char*, bool> platforms[] = {
-        {"YouTube", true},  {"Instagram", true}, {"TikTok", true},
-        {"Facebook", true}, {"Likee", true},     {"Vimeo", true},
-        {"youtube", false}, {"Twitter", false},  {"", false}};
+        {"YouTube", true}, {"Instagram", true}, {"TikTok", true},   {"Facebook", true},
+        {"Likee", true},   {"Vimeo", true},     {"youtube", false}, {"", false}};
     for (const auto& [platform, refused] : platforms) {
         SCOPED_TRACE(platform);
         LogCapture log;
         EXPECT_EQ(isConverterSourceSupportedByTranscoder(sourceFor(path), platform), !refused);
-        ASSERT_EQ(log.count("social output."), refused ? 1 : 0);
-        if (refused) {
-            const LogEntry entry = log.entries().constFirst();
-            EXPECT_EQ(entry.text, "social output.");
-            EXPECT_EQ(entry.function, "Korvane::isConverterSourceSupportedByTranscoder");
-            EXPECT_EQ(entry.level, 0);
-        }
+        EXPECT_EQ(log.count("social output."), refused ? 1 : 0);
     }
     // The filter checks come first: a social job with a colour edit logs nothing.
     LogCapture log;
