@@ -100,84 +100,71 @@ TEST(FFmpegSupportCheck, NamesThatAreNotPlainAreRefusedAndLogged)
     }
 }
 
-// At most one kept audio stream, and not fewer than the file has; the job
-// must keep the file's tags, the genre compared as integers.
-TEST(FFmpegSupportCheck, AudioCountAndMetadataRules)
+// Every edit the ffmpeg path does not make refuses the job there; the other
+// check refuses only speed, colour and volume edits and the mosaic, with a
+// looser speed tolerance on purpose. The ffmpeg path keeps at most one audio
+// stream and not fewer than the file has, and the file's tags, the genre
+// compared as integers.
+TEST(SupportChecks, EditsAudioStreamsAndTags)
 {
-    const QString silent = media("h264.mp4", kH264);
+    const QString path = media("h264.mp4", kH264);
     const QString one = media("h264-one-audio.mp4", kH264 + kMapAudio, kSine);
     const QString two = media("h264-two-audio.mp4", kH264 + kMapAudio + QStringList{"-map", "2"},
                               kSine + QStringList{"-f", "lavfi", "-i", "sine=f=880:d=0.2"});
-    const QString numeric = media("genre-12.mp4", kH264 + QStringList{"-metadata", "genre=12"});
+    const QString genre = media("genre-12.mp4", kH264 + QStringList{"-metadata", "genre=12"});
     const QString named = media("genre-rock.mp4", kH264 + QStringList{"-metadata", "genre=Rock",
                                                                       "-metadata", "title=Clip"});
-    for (const QString& path : {silent, one, two, numeric, named}) {
-        ASSERT_FALSE(path.isEmpty());
+    for (const QString& file : {path, one, two, genre, named}) {
+        ASSERT_FALSE(file.isEmpty());
     }
-    const std::tuple<QString, QList<qint32>, QVariantMap, bool> rows[] = {
-        {silent, {}, {}, true},
-        {one, {}, {}, false},
-        {one, {1}, {}, true},
-        {one, {1, 2}, {}, false},
-        {two, {1}, {}, false},
-        {numeric, {}, {{"genre", "12"}}, true},
-        {numeric, {}, {{"genre", "12abc"}}, false},
-        {numeric, {}, {}, false},
-        {numeric, {}, {{"genre", "12"}, {"title", "New"}}, false},
-        {numeric, {}, {{"genre", "12"}, {"comment", ""}, {"encoder", "ignored"}}, true},
-        {named, {}, {{"genre", "Jazz"}, {"title", "Clip"}}, true},
-        {named, {}, {{"title", "clip"}}, false},
-    };
-    for (const auto& [path, selfAudios, metaData, supported] : rows) {
-        SCOPED_TRACE(qPrintable(path + QString(" keeping %1 audio, ").arg(selfAudios.size()) +
-                                QStringList(metaData.keys()).join(',')));
-        ConvertSource source = sourceFor(path);
-        source.selfAudios = selfAudios;
-        source.metaData = metaData;
-        EXPECT_EQ(ffmpegSupports(source), supported);
-    }
-}
-
-// Every edit the ffmpeg path does not make refuses the job there; the other
-// check refuses only speed, colour and volume edits and the mosaic, with a
-// looser speed tolerance on purpose.
-TEST(SupportChecks, EditsOnlyTheHostApplies)
-{
-    const QString path = media("h264.mp4", kH264);
-    ASSERT_FALSE(path.isEmpty());
     const SelfSubtitle subtitle{2, "en"};
     const AttachedAudio audio{0, "/a.mp3"};
     const AttachedSubtitle attached{0, "t", "/a.srt"};
+    const CutRange cut{0, 100};
+    const CropParam crop{0.1, 0.1, 0.5, 0.5, true, false, 90};
     const QVariantMap emptyPlugin{{"plugin", QVariantMap()}, {"operator", ""}, {"deviceId", "3"}};
-    const std::tuple<const char*, std::function<void(ConvertSource&)>, bool, bool> rows[] = {
-        {"nothing", [](auto&) {}, true, true},
-        {"self subtitle", [&](auto& s) { s.selfSubtitles.append(subtitle); }, false, true},
-        {"attached audio", [&](auto& s) { s.attachedAudio.append(audio); }, false, true},
-        {"attached subtitle", [&](auto& s) { s.attachedSubtitle.append(attached); }, false, true},
-        {"cover", [](auto& s) { s.coverPath = "/cover.png"; }, false, true},
-        {"cut",
-         [](auto& s) {
-             s.cut.append(CutRange{0, 100});
-         },
-         false, true},
-        {"title", [](auto& s) { s.metaData["title"] = "New"; }, false, true},
-        {"speed 1.005", [](auto& s) { s.speed = 1.005f; }, false, true},
-        {"speed 1.0000005", [](auto& s) { s.speed = 1.0000005f; }, true, true},
-        {"speed 1.02", [](auto& s) { s.speed = 1.02f; }, false, false},
-        {"brightness", [](auto& s) { s.baseFilter.brightness = 1; }, false, false},
-        {"hue", [](auto& s) { s.baseFilter.hue = 5; }, false, false},
-        {"volume 99", [](auto& s) { s.baseFilter.volume = 99; }, false, false},
-        {"mosaic", [](auto& s) { s.aiMosaic.path = "/mosaic.dat"; }, false, false},
-        {"reframe", [](auto& s) { s.aiAutoReframe.path = "/reframe.dat"; }, true, true},
-        {"operator", [](auto& s) { s.extraParam["operatorDllPath"] = "/x.dll"; }, false, true},
-        {"empty plug-in entries", [&](auto& s) { s.extraParam = emptyPlugin; }, true, true},
-        {"crop", [](auto& s) { s.crop = CropParam{0.1, 0.1, 0.5, 0.5, true, false, 90}; }, true,
-         true},
-        {"watermark", [](auto& s) { s.waterMark.append(WaterMarkParam{}); }, true, true},
-    };
-    for (const auto& [what, edit, ffmpeg, transcoder] : rows) {
+    const QVariantMap ignoredTags{{"genre", "12"}, {"comment", ""}, {"encoder", "x"}};
+    const QVariantMap namedGenres{{"genre", "Jazz"}, {"title", "Clip"}};
+    const std::function<void(ConvertSource&)> nothing = [](auto&) {};
+    const std::tuple<QString, const char*, std::function<void(ConvertSource&)>, bool, bool> rows[] =
+        {
+            {path, "nothing", nothing, true, true},
+            {path, "self subtitle", [&](auto& s) { s.selfSubtitles.append(subtitle); }, false,
+             true},
+            {path, "attached audio", [&](auto& s) { s.attachedAudio.append(audio); }, false, true},
+            {path, "attached subtitle", [&](auto& s) { s.attachedSubtitle.append(attached); },
+             false, true},
+            {path, "cover", [](auto& s) { s.coverPath = "/cover.png"; }, false, true},
+            {path, "cut", [&](auto& s) { s.cut.append(cut); }, false, true},
+            {path, "speed 1.005", [](auto& s) { s.speed = 1.005f; }, false, true},
+            {path, "speed 1.0000005", [](auto& s) { s.speed = 1.0000005f; }, true, true},
+            {path, "speed 1.02", [](auto& s) { s.speed = 1.02f; }, false, false},
+            {path, "brightness", [](auto& s) { s.baseFilter.brightness = 1; }, false, false},
+            {path, "hue", [](auto& s) { s.baseFilter.hue = 5; }, false, false},
+            {path, "volume 99", [](auto& s) { s.baseFilter.volume = 99; }, false, false},
+            {path, "mosaic", [](auto& s) { s.aiMosaic.path = "/mosaic.dat"; }, false, false},
+            {path, "reframe", [](auto& s) { s.aiAutoReframe.path = "/reframe.dat"; }, true, true},
+            {path, "operator", [](auto& s) { s.extraParam["operatorDllPath"] = "/x.dll"; }, false,
+             true},
+            {path, "empty plug-in entries", [&](auto& s) { s.extraParam = emptyPlugin; }, true,
+             true},
+            {path, "crop", [&](auto& s) { s.crop = crop; }, true, true},
+            {path, "watermark", [](auto& s) { s.waterMark.append(WaterMarkParam{}); }, true, true},
+            {one, "no audio kept", nothing, false, true},
+            {one, "its audio kept", [](auto& s) { s.selfAudios << 1; }, true, true},
+            {one, "two audio kept", [](auto& s) { s.selfAudios << 1 << 2; }, false, true},
+            {two, "one of two kept", [](auto& s) { s.selfAudios << 1; }, false, true},
+            {path, "new title", [](auto& s) { s.metaData["title"] = "New"; }, false, true},
+            {genre, "genre kept", [](auto& s) { s.metaData["genre"] = "12"; }, true, true},
+            {genre, "genre as text", [](auto& s) { s.metaData["genre"] = "12abc"; }, false, true},
+            {genre, "genre dropped", nothing, false, true},
+            {genre, "ignored tags", [&](auto& s) { s.metaData = ignoredTags; }, true, true},
+            {named, "named genres", [&](auto& s) { s.metaData = namedGenres; }, true, true},
+            {named, "title case", [](auto& s) { s.metaData["title"] = "clip"; }, false, true},
+        };
+    for (const auto& [file, what, edit, ffmpeg, transcoder] : rows) {
         SCOPED_TRACE(what);
-        ConvertSource source = sourceFor(path);
+        ConvertSource source = sourceFor(file);
         edit(source);
         EXPECT_EQ(ffmpegSupports(source), ffmpeg);
         EXPECT_EQ(isConverterSourceSupportedByTranscoder(source, QString()), transcoder);
@@ -202,33 +189,19 @@ TEST(SupportChecks, UnreadableFile)
 TEST(TranscoderSupportCheck, SocialOutputAndHdrVideoAreRefusedAndLogged)
 {
     const QString path = media("h264.mp4", kH264);
-    ASSERT_FALSE(path.isEmpty());
-    const std::pair<const char*, bool> platforms[] = {
-        {"YouTube", true}, {"Instagram", true}, {"TikTok", true},   {"Facebook", true},
-        {"Likee", true},   {"Vimeo", true},     {"youtube", false}, {"", false}};
-    for (const auto& [platform, refused] : platforms) {
-        SCOPED_TRACE(platform);
-        LogCapture log;
-        EXPECT_EQ(isConverterSourceSupportedByTranscoder(sourceFor(path), platform), !refused);
-        EXPECT_EQ(log.count("social output."), refused ? 1 : 0);
-    }
-    // The filter checks come first: a social job with a colour edit logs nothing.
-    LogCapture log;
-    ConvertSource edited = sourceFor(path);
-    edited.baseFilter.hue = 1;
-    EXPECT_FALSE(isConverterSourceSupportedByTranscoder(edited, "YouTube"));
-    EXPECT_FALSE(log.contains("social output."));
-
     const QString hdr = media("hevc-bt2020.mp4",
                               kHevc10 + QStringList{"-colorspace", "bt2020nc", "-color_primaries",
                                                     "bt2020", "-color_trc", "smpte2084"});
-    const QString sdr = media("hevc-10bit.mkv", kHevc10);
-    ASSERT_FALSE(hdr.isEmpty());
-    ASSERT_FALSE(sdr.isEmpty());
-    log.clear();
+    ASSERT_FALSE(path.isEmpty() || hdr.isEmpty());
+    LogCapture log;
+    EXPECT_TRUE(isConverterSourceSupportedByTranscoder(sourceFor(path), "youtube"));
+    EXPECT_FALSE(isConverterSourceSupportedByTranscoder(sourceFor(path), "Vimeo"));
+    EXPECT_EQ(log.count("social output."), 1);
+    // The filter checks come first: a social job with a colour edit logs nothing.
+    ConvertSource edited = sourceFor(path);
+    edited.baseFilter.hue = 1;
+    EXPECT_FALSE(isConverterSourceSupportedByTranscoder(edited, "YouTube"));
+    EXPECT_EQ(log.count("social output."), 1);
     EXPECT_FALSE(isConverterSourceSupportedByTranscoder(sourceFor(hdr), QString()));
     EXPECT_EQ(log.count("HDR video"), 1);
-    log.clear();
-    EXPECT_TRUE(isConverterSourceSupportedByTranscoder(sourceFor(sdr), QString()));
-    EXPECT_FALSE(log.contains("HDR video"));
 }

@@ -311,10 +311,6 @@ TEST(TimelineProject, AnaglyphScalesAndTransformNumbers)
     job.source.effectFilter = "anaglyph Top and Bottom";
     expectDocument(job, R"({"clips":[{"transform":{"scale_y":null},"video_filters":[)"
                         R"({"dir_path":"anaglyph Top and Bottom","anaglyph_type":null}]}]})");
-    const int first = number(build(job));
-    job.source.effectFilter = "Anaglyph Side by Side";
-    EXPECT_EQ(number(build(job)), first + 1);
-    EXPECT_EQ(number(build(Job())), first + 3);
 }
 
 TEST(TimelineProject, CropFlipsRotationAndQuarterTurnScale)
@@ -407,18 +403,18 @@ TEST(TimelineProject, CoverPicturesAndWaterMarks)
         TestMedia::generate(QString::fromUtf8("timeline/pochette été.png"),
                             {"-f", "lavfi", "-i", "color=s=321x243", "-vframes", "1"});
     ASSERT_FALSE(cover.isEmpty());
-    const std::tuple<QList<ContainerVideoStream>, QString, int, const char*> rows[] = {
-        {{}, cover, 320, "320,242"},
-        {{video(1, 1, 0, 1400, 1400, true)}, cover, 320, "320,242"},
-        {{}, "/no/such/cover.png", 640, "0,0"},
-    };
-    for (const auto& [streams, coverPath, width, bgSize] : rows) {
+    // An unreadable picture gives an empty canvas, written as the default in the preview.
+    for (const auto& [coverPath, fragment] :
+         {std::pair{
+              cover,
+              R"({"preview_param":{"width":320},"clips":[{"transform":{"bg_size":"320,242"}}]})"},
+          std::pair{
+              QString("/no/such/cover.png"),
+              R"({"preview_param":{"width":640},"clips":[{"transform":{"bg_size":"0,0"}}]})"}}) {
         Job job;
-        job.info = {0, streams, {{-1, 2000}}};
+        job.info = {0, {video(1, 1, 0, 1400, 1400, true)}, {{-1, 2000}}};
         job.source.coverPath = coverPath;
-        expectDocument(job, fill(R"({"preview_param":{"width":%1},)"
-                                 R"("clips":[{"transform":{"bg_size":"%2"}}]})",
-                                 width, bgSize));
+        expectDocument(job, fragment);
     }
 
     const WaterMarkParam logo{cover, QPoint(640, -360), 0.5f, true, false, 270, 0.25f, 1.5f};
