@@ -140,6 +140,8 @@ TEST(SupportChecks, EditsAudioStreamsAndTags)
             {path, "speed 1.0000005", [](auto& s) { s.speed = 1.0000005f; }, true, true},
             {path, "speed 1.02", [](auto& s) { s.speed = 1.02f; }, false, false},
             {path, "brightness", [](auto& s) { s.baseFilter.brightness = 1; }, false, false},
+            {path, "shadow", [](auto& s) { s.baseFilter.shadow = -2; }, false, false},
+            {path, "highlight", [](auto& s) { s.baseFilter.highlight = 3; }, false, false},
             {path, "hue", [](auto& s) { s.baseFilter.hue = 5; }, false, false},
             {path, "volume 99", [](auto& s) { s.baseFilter.volume = 99; }, false, false},
             {path, "mosaic", [](auto& s) { s.aiMosaic.path = "/mosaic.dat"; }, false, false},

@@ -143,9 +143,11 @@ TEST(ConvertSourceRoundTrip, EveryFieldSurvivesAndWritingIsAFixpoint)
     in.waterMark = {{"/a/logo.png", QPoint(640, -360), 0.5f, true, true, 90, 0.25f, 1.5f}, {}};
     in.aiMosaic.path = "/a/mosaic.json";
     in.aiAutoReframe.path = "/a/reframe.json";
-    in.extraParam = read(R"({"extraParam": {"plugin": {"name": "x"}, "operator": "op",
-        "converterMode": "m", "operatorDllPath": "/p.dll", "deviceId": "d0"}})")
-                        .extraParam;
+    in.extraParam = {{"plugin", QVariantMap{{"name", "x"}}},
+                     {"operator", "op"},
+                     {"converterMode", "m"},
+                     {"operatorDllPath", "/p.dll"},
+                     {"deviceId", "d0"}};
     const QString first = convertSourceToJson(in);
     const ConvertSource out = convertSourceFromJson(first);
     EXPECT_EQ(fields(out), fields(in));
