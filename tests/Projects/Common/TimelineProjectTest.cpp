@@ -50,7 +50,7 @@ QString fill(const char* pattern, const Args&... args)
     return text;
 }
 
-// Every part of `expected` holds in `actual`: objects key by key (null: the
+// Everything in `expected` holds in `actual`: objects key by key (null: the
 // key is absent), arrays element by element at equal length, numbers to 1e-6.
 void expectFragment(const QJsonValue& actual, const QJsonValue& expected, const QString& at)
 {
