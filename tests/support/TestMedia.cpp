@@ -44,9 +44,15 @@ int run(const QString& program, const QStringList& args, QByteArray* out, int ti
 QString generate(const QString& path, const QStringList& args)
 {
     const QString target = QFileInfo(path).isAbsolute() ? path : dir() + QLatin1Char('/') + path;
-    if (QFileInfo::exists(target)) {
+    // The cache is kept between builds: a file made from other arguments under
+    // the same name (a test that changed) is made again.
+    const QByteArray recipe = args.join(QLatin1Char('\n')).toUtf8();
+    QFile recipeFile(target + QStringLiteral(".args"));
+    if (QFileInfo::exists(target) && recipeFile.open(QIODevice::ReadOnly) &&
+        recipeFile.readAll() == recipe) {
         return target;
     }
+    recipeFile.close();
     QDir().mkpath(QFileInfo(target).absolutePath());
     // Keep the suffix so that ffmpeg picks the muxer from the name.
     const QFileInfo info(target);
@@ -59,11 +65,15 @@ QString generate(const QString& path, const QStringList& args)
         QFile::remove(temporary);
         return {};
     }
+    QFile::remove(target);
     if (!QFile::rename(temporary, target)) {
         QFile::remove(temporary);
         if (!QFileInfo::exists(target)) {
             return {};
         }
+    }
+    if (recipeFile.open(QIODevice::WriteOnly)) {
+        recipeFile.write(recipe);
     }
     return target;
 }

@@ -10,7 +10,8 @@ namespace TestMedia {
 QString dir();
 
 // Runs `ffmpeg -y -hide_banner -loglevel error <args> <path>` unless `path`
-// (relative to dir(), or absolute) exists already; writes through a temporary
+// (relative to dir(), or absolute) was made from the same `args` already (they
+// are kept beside it in `<path>.args`); writes through a temporary
 // name so that concurrent test processes never see half a file. Returns the
 // absolute path, or an empty string when ffmpeg failed.
 QString generate(const QString& path, const QStringList& args);
