@@ -263,7 +263,7 @@ TEST(StreamProbing, DurationsFrameRatesAndRotations)
     };
     for (const auto& [guessed, average, real, expected] : rates) {
         const AVRational r = chooseFrameRate(guessed, average, real);
-        EXPECT_EQ(QPair(r.num, r.den), QPair(expected.num, expected.den)) << guessed.num;
+        EXPECT_EQ(std::pair(r.num, r.den), std::pair(expected.num, expected.den)) << guessed.num;
     }
     // The display matrix turns counter-clockwise; the record holds clockwise degrees.
     for (const auto& [angle, rotation] : QList<QPair<double, int>>{

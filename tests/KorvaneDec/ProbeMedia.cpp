@@ -16,9 +16,9 @@ QStringList args(const QString& text)
     return text.split(QLatin1Char(' '));
 }
 
-QString video(int seconds, const QString& size = "320x240")
+QString video(int seconds)
 {
-    return QString("-f lavfi -i testsrc2=size=%1:rate=25:duration=%2 ").arg(size).arg(seconds);
+    return QString("-f lavfi -i testsrc2=size=320x240:rate=25:duration=%1 ").arg(seconds);
 }
 
 QString tone(int seconds)
@@ -153,10 +153,9 @@ QString truncatedMp4()
 
 QString emptyFile()
 {
-    const QString path = TestMedia::dir() + "/probe/empty.mp4";
     QDir().mkpath(TestMedia::dir() + "/probe");
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) ? path : QString();
+    QFile file(TestMedia::dir() + "/probe/empty.mp4");
+    return file.open(QIODevice::WriteOnly) ? file.fileName() : QString();
 }
 
 QString randomBytes(const QString& suffix)
