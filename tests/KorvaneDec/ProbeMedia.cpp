@@ -100,32 +100,12 @@ QString tenBit(const QString& codec)
                                args(video(1) + encoder + " -pix_fmt yuv420p10le"));
 }
 
-QString toneMp3()
-{
-    return TestMedia::generate("probe/tone.mp3", args(tone(2) + "-c:a libmp3lame"));
-}
-
 QString mp3WithCover()
 {
     return TestMedia::generate(
         "probe/cover.mp3", args(tone(2) + "-f lavfi -i color=c=red:size=64x64:duration=1 -map 0 "
                                           "-map 1 -c:a libmp3lame -c:v png -frames:v 1 "
                                           "-disposition:v attached_pic -id3v2_version 3"));
-}
-
-QString wmv(int frames)
-{
-    return TestMedia::generate(
-        QString("probe/frames-%1.wmv").arg(frames),
-        args(QString("-f lavfi -i color=c=blue:size=64x64:rate=1:duration=%1 ").arg(frames) +
-             tone(3) + "-c:v wmv2 -c:a wmav2 -f asf"));
-}
-
-QString twoFrameMp4()
-{
-    return TestMedia::generate("probe/frames-2.mp4",
-                               args("-f lavfi -i color=c=blue:size=64x64:rate=1:duration=2 " +
-                                    tone(3) + kX264 + " -c:a aac"));
 }
 
 QString concatenatedVob(int seconds)

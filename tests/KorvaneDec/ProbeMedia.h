@@ -14,12 +14,7 @@ QString hevc(const QString& suffix);
 QString rotatedH264(int degrees);
 QString anamorphicH264();             // a sample aspect ratio of 64:45
 QString tenBit(const QString& codec); // "h264" or "hevc", in MP4
-QString toneMp3();
-QString mp3WithCover(); // with a PNG as an attached picture
-// ASF with WMV2 video of `frames` frames at 1 fps and 3 s of WMA; the same
-// two frames in MP4.
-QString wmv(int frames);
-QString twoFrameMp4();
+QString mp3WithCover();               // with a PNG as an attached picture
 // MPEG-2 and MP2 in a program stream: two runs of `seconds` each whose
 // timestamps start again at the second run, with a .vob suffix.
 QString concatenatedVob(int seconds);

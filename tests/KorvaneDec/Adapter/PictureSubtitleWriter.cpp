@@ -1,6 +1,5 @@
 #include "PictureSubtitleWriter.h"
 
-#include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"
 
 #include <cstring>
@@ -10,38 +9,25 @@ namespace SubtitleTest {
 bool writePictureSubtitles(const QString& path, const QSize& plane, const QList<BoxCue>& cues,
                            QString* error, const char* codecName)
 {
-    // Each step's result, until the first that fails: it names the error.
-    auto step = [&](int result, const char* what) {
-        if (result < 0 && error->isEmpty()) {
-            *error = QStringLiteral("%1: %2").arg(what, Korvane::ffErrorText(result));
-        }
-        return result >= 0;
-    };
-    error->clear();
+    *error = QStringLiteral("cannot write %1 subtitles to %2").arg(codecName, path);
     const QByteArray file = path.toUtf8();
     AVFormatContext* raw = nullptr;
-    if (!step(avformat_alloc_output_context2(&raw, nullptr, "matroska", file.constData()),
-              "muxer")) {
+    if (avformat_alloc_output_context2(&raw, nullptr, "matroska", file.constData()) < 0) {
         return false;
     }
     auto format = Korvane::makeAVFormatContextPtr(raw);
     const AVCodec* codec = avcodec_find_encoder_by_name(codecName);
     auto encoder = Korvane::makeAVCodecContextPtr(codec);
     AVStream* stream = avformat_new_stream(raw, nullptr);
-    if (!step(codec && encoder && stream ? 0 : AVERROR(EINVAL), codecName)) {
+    if (!codec || !encoder || !stream) {
         return false;
     }
     encoder->width = plane.width();
     encoder->height = plane.height();
     encoder->time_base = stream->time_base = AVRational{1, 1000};
-    if (!step(avcodec_open2(encoder.data(), codec, nullptr), "encoder") ||
-        !step(avcodec_parameters_from_context(stream->codecpar, encoder.data()), "stream") ||
-        !step(avio_open(&raw->pb, file.constData(), AVIO_FLAG_WRITE), "open")) {
-        return false;
-    }
+    QByteArray buffer(1 << 20, '\0');
     // A cue is one rectangle of palette index 1 (the cue's colour, opaque);
     // index 0 is clear. An empty subtitle has no rectangle.
-    QByteArray buffer(1 << 20, '\0');
     auto write = [&](const BoxCue* cue, int startMs, int lengthMs) {
         auto subtitle = Korvane::makeAVSubtitlePtr();
         subtitle->pts = static_cast<int64_t>(startMs) * 1000;
@@ -64,24 +50,30 @@ bool writePictureSubtitles(const QString& path, const QSize& plane, const QList<
             avcodec_encode_subtitle(encoder.data(), reinterpret_cast<uint8_t*>(buffer.data()),
                                     buffer.size(), subtitle.data());
         auto packet = Korvane::makeAVPacketPtr();
-        if (!step(size, "encode") || !step(av_new_packet(packet.data(), size), "packet")) {
+        if (size < 0 || av_new_packet(packet.data(), size) < 0) {
             return false;
         }
         std::memcpy(packet->data, buffer.constData(), size);
         packet->pts = packet->dts = startMs;
         packet->duration = lengthMs;
-        return step(av_interleaved_write_frame(raw, packet.data()), "write");
+        return av_interleaved_write_frame(raw, packet.data()) >= 0;
     };
     // DVD cues carry their end; DVB streams end a cue with an empty page, as
     // broadcasters send them.
     const bool endsWithEmptyPage = codec->id != AV_CODEC_ID_DVD_SUBTITLE;
-    bool ok = step(avformat_write_header(raw, nullptr), "header");
+    bool ok = avcodec_open2(encoder.data(), codec, nullptr) >= 0 &&
+              avcodec_parameters_from_context(stream->codecpar, encoder.data()) >= 0 &&
+              avio_open(&raw->pb, file.constData(), AVIO_FLAG_WRITE) >= 0 &&
+              avformat_write_header(raw, nullptr) >= 0;
     for (const BoxCue& cue : cues) {
         ok = ok && write(&cue, cue.startMs, cue.endMs - cue.startMs) &&
              (!endsWithEmptyPage || write(nullptr, cue.endMs, 0));
     }
-    ok = ok && step(av_write_trailer(raw), "trailer");
+    ok = ok && av_write_trailer(raw) >= 0;
     avio_closep(&raw->pb);
+    if (ok) {
+        error->clear();
+    }
     return ok;
 }
 
