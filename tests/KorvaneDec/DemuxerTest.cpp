@@ -9,8 +9,6 @@
 #include "ProbeMedia.h"
 #include "TestMedia.h"
 
-#include <QDir>
-
 #include <gtest/gtest.h>
 
 using namespace Korvane;
@@ -19,13 +17,10 @@ namespace {
 
 constexpr qint64 kMax = std::numeric_limits<qint64>::max();
 constexpr AVRational k90kHz{1, 90000};
-const QString kClip = ":/probe/clip.mp4";
 
-// One demuxer opens each input in turn: a failed open leaves nothing open,
-// and the path of the last good one stays. The first words of the
-// demuxer's own records trace the attempts: the suffix's reader ("maybe"),
-// probing ("retry"), the program-stream reader ("try") and failures
-// ("---demux---").
+// A failed open leaves nothing open and the last good path. The records'
+// first words trace the attempts: the suffix's reader ("maybe"), probing
+// ("retry"), the program-stream reader ("try") and failures ("---demux---").
 TEST(FFDemuxer, OpensEachInputByItsOwnPathOrFailsWithARecord)
 {
     const QList<std::tuple<QString, const char*, std::string>> rows = {
@@ -38,7 +33,6 @@ TEST(FFDemuxer, OpensEachInputByItsOwnPathOrFailsWithARecord)
         // Random bytes pass the forced open but not stream analysis.
         {ProbeMedia::randomBytes("vob"), "", "maybe try ---demux---"},
         {QString(), "", ""},
-        {ProbeMedia::unusualName(), "mov,mp4,m4a,3gp,3g2,mj2", "maybe"},
         {":/probe/missing.mp4", "", "mQrcFile->open"},
     };
     FFDemuxer demuxer;
@@ -65,7 +59,7 @@ TEST(FFDemuxer, OpensEachInputByItsOwnPathOrFailsWithARecord)
 TEST(ResourcePath, ReadsAndSeeksThroughCustomIo)
 {
     FFDemuxer demuxer;
-    ASSERT_TRUE(demuxer.open(kClip));
+    ASSERT_TRUE(demuxer.open(":/probe/clip.mp4"));
     EXPECT_TRUE(demuxer.formatContext()->flags & AVFMT_FLAG_CUSTOM_IO);
     int pictures = 0;
     while (const auto packet = demuxer.readPacket()) {
@@ -79,24 +73,20 @@ TEST(ResourcePath, ReadsAndSeeksThroughCustomIo)
     }
     demuxer.seek(0, 0);
     const auto first = demuxer.readPacket();
-    ASSERT_TRUE(first);
-    EXPECT_LE(first->pos, 4096);
+    EXPECT_TRUE(first && first->pos <= 4096);
 }
 
 TEST(StreamProbing, DurationsOfDamagedFilesStayInRange)
 {
     // Container durations round by 5 ms and truncate; found by fuzzing: not
     // where adding it would overflow.
-    for (const auto& [duration, ms] :
-         QList<QPair<int64_t, qint64>>{{1234567, 1239},
-                                       {994999, 999},
-                                       {995000, 1000},
-                                       {-10000, -5},
-                                       {kMax, kMax / 1000},
-                                       {kMax - 5000, kMax / 1000},
-                                       {kMax - 4999, (kMax - 4999) / 1000}}) {
-        EXPECT_EQ(containerDurationMs(duration), ms) << duration;
+    QList<qint64> container;
+    for (const qint64 duration : {qint64(1234567), qint64(994999), qint64(995000), qint64(-10000),
+                                  kMax, kMax - 5000, kMax - 4999}) {
+        container << containerDurationMs(duration);
     }
+    EXPECT_EQ(container,
+              QList<qint64>({1239, 999, 1000, -5, kMax / 1000, kMax / 1000, (kMax - 4999) / 1000}));
     // Found by fuzzing: a still picture has no stream duration, and a
     // duration's product with its time base may pass 64 bits.
     EXPECT_EQ(
@@ -136,16 +126,16 @@ const QList<Packet> kDamaged = {{0, 0, 0, -2438376108509442306, -243837610850944
                                 {0, 0, 30, kMax, kMax, kMax},
                                 {0, 0, 40, 0, 0, 1}};
 
-// The chapter table, a chapter a line: "head-tail pts first..last dts
-// first..last title pts/dts", and "*" when its first packet had no pts.
+// A chapter a line: "head-tail pts first..last/dts first..last @title
+// pts/dts", and "*" when its first packet had no pts.
 QString table(const VobTitleInfo& title)
 {
     QString text;
     for (const VobChapter& c : title.chapters) {
-        text += QString::asprintf("%lld-%lld pts %lld..%lld dts %lld..%lld title %lld/%lld%s\n",
-                                  c.headPosInFile, c.tailPosInFile, c.firstPtsInFile,
-                                  c.lastPtsInFile, c.firstDtsInFile, c.lastDtsInFile,
-                                  c.titleStartPts, c.titleStartDts, c.ptsFromDts ? "*" : "");
+        text += QString::asprintf("%lld-%lld %lld..%lld/%lld..%lld @%lld/%lld%s\n", c.headPosInFile,
+                                  c.tailPosInFile, c.firstPtsInFile, c.lastPtsInFile,
+                                  c.firstDtsInFile, c.lastDtsInFile, c.titleStartPts,
+                                  c.titleStartDts, c.ptsFromDts ? "*" : "");
     }
     return text;
 }
@@ -156,8 +146,8 @@ TEST(VobTitleBuilder, ChapterTablesOfTitles)
     const QList<std::tuple<QList<Packet>, QString, int>> rows = {
         // A backward dts starts a chapter one frame after the last picture.
         {twoRuns(),
-         "0-9000 pts 48600..81000 dts 45000..77400 title 48600/45000\n"
-         "10000-19000 pts 48600..81000 dts 45000..77400 title 84600/77401\n",
+         "0-9000 48600..81000/45000..77400 @48600/45000\n"
+         "10000-19000 48600..81000/45000..77400 @84600/77401\n",
          0},
         // No dts: no chapter starts; no pts: it starts at the dts. Audio
         // without dts marks the title.
@@ -166,17 +156,15 @@ TEST(VobTitleBuilder, ChapterTablesOfTitles)
           {0, 0, 200, 16200, 12600, 3600},
           {1, 1, 300, 9000, kNone, 2090},
           {1, 1, 400, 11090, 11090, 2090}},
-         "100-200 pts 9000..16200 dts 9000..12600 title 9000/9000*\n"
-         "400-400 pts 11090..11090 dts 11090..11090 title 11090/11090\n",
+         "100-200 9000..16200/9000..12600 @9000/9000*\n"
+         "400-400 11090..11090/11090..11090 @11090/11090\n",
          1},
         // Starts saturate where the sum does not fit and stay exact where it does.
         {kDamaged,
-         "0-10 pts -2438376108509442306..7158576095094338548 dts "
-         "-2438376108509442306..7158576095094338548 title "
-         "-2438376108509442306/-2438376108509442306\n"
-         "20-30 pts 0..9223372036854775807 dts 0..9223372036854775807 title "
-         "7158576095094338549/7158576095094338549\n"
-         "40-40 pts 0..0 dts 0..0 title 9223372036854775807/9223372036854775807\n",
+         "0-10 -2438376108509442306..7158576095094338548/-2438376108509442306.."
+         "7158576095094338548 @-2438376108509442306/-2438376108509442306\n"
+         "20-30 0..9223372036854775807/0..9223372036854775807 @7158576095094338549/"
+         "7158576095094338549\n40-40 0..0/0..0 @9223372036854775807/9223372036854775807\n",
          0},
     };
     for (const auto& [packets, chapters, audioDtsFromPts] : rows) {
@@ -237,11 +225,8 @@ TEST(PacketTimeLine, RewritesOntoTheTitleAndRemembersTheChapter)
     };
     VobTimeLine timeLine;
     for (const auto& [title, stream, pos, pts, dts, expected] : rows) {
-        AVPacket packet{};
-        packet.stream_index = stream;
+        AVPacket packet{nullptr, pts, dts, nullptr, 0, stream};
         packet.pos = pos;
-        packet.pts = pts;
-        packet.dts = dts;
         const bool placed = placeOnTitleLine(*title, timeLine, packet);
         EXPECT_EQ(
             QString("%1 %2/%3").arg(placed ? "placed" : "kept").arg(packet.pts).arg(packet.dts),

@@ -27,7 +27,7 @@ QString tone(int seconds)
 }
 
 const QString kX264 = "-c:v libx264 -preset ultrafast -pix_fmt yuv420p";
-const QString kX265 = "-c:v libx265 -preset ultrafast -x265-params log-level=error -tag:v hvc1";
+const QString kX265 = "-c:v libx265 -preset ultrafast -x265-params log-level=error";
 
 QByteArray readAll(const QString& path)
 {
@@ -58,21 +58,19 @@ QString copyAs(const QString& source, const QString& target)
     return writeFile(target, readAll(source));
 }
 
+// FLV carries AAC only at 44.1 kHz and below, which the tone already is;
+// only the MP4 family takes the hvc1 tag.
 QString h264(const QString& suffix)
 {
-    // FLV carries AAC only at 44.1 kHz and below, which the tone already is.
     const QString audio = suffix == "avi" ? " -c:a libmp3lame -shortest" : " -c:a aac -shortest";
     return TestMedia::generate("probe/h264." + suffix, args(video(2) + tone(2) + kX264 + audio));
 }
 
 QString hevc(const QString& suffix)
 {
-    // Only the MP4 family takes the hvc1 tag.
-    QString codec = kX265 + " -c:a aac -shortest";
-    if (suffix != "mp4" && suffix != "mov" && suffix != "m4v") {
-        codec.remove(" -tag:v hvc1");
-    }
-    return TestMedia::generate("probe/hevc." + suffix, args(video(2) + tone(2) + codec));
+    const QString tag = QString("mp4 mov m4v").contains(suffix) ? " -tag:v hvc1" : "";
+    return TestMedia::generate("probe/hevc." + suffix,
+                               args(video(2) + tone(2) + kX265 + tag + " -c:a aac -shortest"));
 }
 
 QString rotatedH264(int degrees)
@@ -95,7 +93,8 @@ QString anamorphicH264()
 
 QString tenBit(const QString& codec)
 {
-    const QString encoder = codec == "hevc" ? kX265 : "-c:v libx264 -preset ultrafast";
+    const QString encoder =
+        codec == "hevc" ? kX265 + " -tag:v hvc1" : "-c:v libx264 -preset ultrafast";
     return TestMedia::generate("probe/" + codec + "-10bit.mp4",
                                args(video(1) + encoder + " -pix_fmt yuv420p10le"));
 }

@@ -10,21 +10,19 @@ namespace ProbeMedia {
 // H.264 or HEVC with AAC (MP3 in AVI), 2 s, in the container `suffix` names.
 QString h264(const QString& suffix);
 QString hevc(const QString& suffix);
-// 1 s of H.264 tagged with rotate=`degrees` (a counter-clockwise display matrix).
-QString rotatedH264(int degrees);
+QString rotatedH264(int degrees);     // 1 s, a counter-clockwise display matrix
 QString anamorphicH264();             // a sample aspect ratio of 64:45
 QString tenBit(const QString& codec); // "h264" or "hevc", in MP4
 QString mp3WithCover();               // with a PNG as an attached picture
-// MPEG-2 and MP2 in a program stream: two runs of `seconds` each whose
-// timestamps start again at the second run, with a .vob suffix.
+// Two runs of `seconds` of MPEG-2 and MP2 in a program stream (.vob), the
+// timestamps starting again at the second.
 QString concatenatedVob(int seconds);
 // A program stream behind 1.2 MB of zero bytes, more than probing looks at.
 QString hiddenProgramStream(const QString& suffix);
 QString truncatedMp4(); // the first half: the moov box at the end is lost
 QString emptyFile();
 QString randomBytes(const QString& suffix);
-// The H.264 MP4 under a name with spaces and non-ASCII letters.
-QString unusualName();
+QString unusualName(); // the H.264 MP4 under spaces and non-ASCII letters
 // Copies `source` to `target` (relative to the media folder) unless present.
 QString copyAs(const QString& source, const QString& target);
 
