@@ -16,9 +16,9 @@ QStringList args(const QString& text)
     return text.split(QLatin1Char(' '));
 }
 
-QString video(int seconds, const QString& size = "320x240")
+QString video(int seconds)
 {
-    return QString("-f lavfi -i testsrc2=size=%1:rate=25:duration=%2 ").arg(size).arg(seconds);
+    return QString("-f lavfi -i testsrc2=size=320x240:rate=25:duration=%1 ").arg(seconds);
 }
 
 QString tone(int seconds)
@@ -27,7 +27,7 @@ QString tone(int seconds)
 }
 
 const QString kX264 = "-c:v libx264 -preset ultrafast -pix_fmt yuv420p";
-const QString kX265 = "-c:v libx265 -preset ultrafast -x265-params log-level=error -tag:v hvc1";
+const QString kX265 = "-c:v libx265 -preset ultrafast -x265-params log-level=error";
 
 QByteArray readAll(const QString& path)
 {
@@ -58,21 +58,19 @@ QString copyAs(const QString& source, const QString& target)
     return writeFile(target, readAll(source));
 }
 
+// FLV carries AAC only at 44.1 kHz and below, which the tone already is;
+// only the MP4 family takes the hvc1 tag.
 QString h264(const QString& suffix)
 {
-    // FLV carries AAC only at 44.1 kHz and below, which the tone already is.
     const QString audio = suffix == "avi" ? " -c:a libmp3lame -shortest" : " -c:a aac -shortest";
     return TestMedia::generate("probe/h264." + suffix, args(video(2) + tone(2) + kX264 + audio));
 }
 
 QString hevc(const QString& suffix)
 {
-    // Only the MP4 family takes the hvc1 tag.
-    QString codec = kX265 + " -c:a aac -shortest";
-    if (suffix != "mp4" && suffix != "mov" && suffix != "m4v") {
-        codec.remove(" -tag:v hvc1");
-    }
-    return TestMedia::generate("probe/hevc." + suffix, args(video(2) + tone(2) + codec));
+    const QString tag = QString("mp4 mov m4v").contains(suffix) ? " -tag:v hvc1" : "";
+    return TestMedia::generate("probe/hevc." + suffix,
+                               args(video(2) + tone(2) + kX265 + tag + " -c:a aac -shortest"));
 }
 
 QString rotatedH264(int degrees)
@@ -95,14 +93,10 @@ QString anamorphicH264()
 
 QString tenBit(const QString& codec)
 {
-    const QString encoder = codec == "hevc" ? kX265 : "-c:v libx264 -preset ultrafast";
+    const QString encoder =
+        codec == "hevc" ? kX265 + " -tag:v hvc1" : "-c:v libx264 -preset ultrafast";
     return TestMedia::generate("probe/" + codec + "-10bit.mp4",
                                args(video(1) + encoder + " -pix_fmt yuv420p10le"));
-}
-
-QString toneMp3()
-{
-    return TestMedia::generate("probe/tone.mp3", args(tone(2) + "-c:a libmp3lame"));
 }
 
 QString mp3WithCover()
@@ -111,21 +105,6 @@ QString mp3WithCover()
         "probe/cover.mp3", args(tone(2) + "-f lavfi -i color=c=red:size=64x64:duration=1 -map 0 "
                                           "-map 1 -c:a libmp3lame -c:v png -frames:v 1 "
                                           "-disposition:v attached_pic -id3v2_version 3"));
-}
-
-QString wmv(int frames)
-{
-    return TestMedia::generate(
-        QString("probe/frames-%1.wmv").arg(frames),
-        args(QString("-f lavfi -i color=c=blue:size=64x64:rate=1:duration=%1 ").arg(frames) +
-             tone(3) + "-c:v wmv2 -c:a wmav2 -f asf"));
-}
-
-QString twoFrameMp4()
-{
-    return TestMedia::generate("probe/frames-2.mp4",
-                               args("-f lavfi -i color=c=blue:size=64x64:rate=1:duration=2 " +
-                                    tone(3) + kX264 + " -c:a aac"));
 }
 
 QString concatenatedVob(int seconds)
@@ -153,10 +132,9 @@ QString truncatedMp4()
 
 QString emptyFile()
 {
-    const QString path = TestMedia::dir() + "/probe/empty.mp4";
     QDir().mkpath(TestMedia::dir() + "/probe");
-    QFile file(path);
-    return file.open(QIODevice::WriteOnly) ? path : QString();
+    QFile file(TestMedia::dir() + "/probe/empty.mp4");
+    return file.open(QIODevice::WriteOnly) ? file.fileName() : QString();
 }
 
 QString randomBytes(const QString& suffix)

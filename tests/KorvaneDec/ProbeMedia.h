@@ -3,40 +3,26 @@
 #include <QString>
 
 // Media for the probing tests, generated on first use into the build tree
-// (see TestMedia::generate). Each function returns the absolute path, or an
-// empty string when ffmpeg could not make the file.
+// (see TestMedia::generate): the absolute path, or empty when ffmpeg could
+// not make the file. Clips are 320x240 at 25 fps with a 44.1 kHz mono tone.
 namespace ProbeMedia {
 
-// H.264 or HEVC 320x240 at 25 fps with AAC 44.1 kHz mono (MP3 in AVI), 2 s,
-// in the container that `suffix` names (mp4, mkv, mov, avi, flv, ts, m4v).
+// H.264 or HEVC with AAC (MP3 in AVI), 2 s, in the container `suffix` names.
 QString h264(const QString& suffix);
 QString hevc(const QString& suffix);
-// H.264 tagged with rotate=`degrees`. ffmpeg 5.1 turns the tag into a
-// display matrix of `degrees` counter-clockwise.
-QString rotatedH264(int degrees);
-// H.264 with a sample aspect ratio of 64:45.
-QString anamorphicH264();
-// 10-bit H.264 or HEVC ("h264" / "hevc") in MP4.
-QString tenBit(const QString& codec);
-// A 2 s MP3, without or with a PNG cover as an attached picture.
-QString toneMp3();
-QString mp3WithCover();
-// ASF with WMV2 video of `frames` frames at 1 fps and 3 s of WMA audio.
-QString wmv(int frames);
-// The same two-frame video in MP4.
-QString twoFrameMp4();
-// MPEG program stream, MPEG-2 video and MP2 audio, two runs of `seconds`
-// each whose timestamps start again at the second run, with a .vob suffix.
+QString rotatedH264(int degrees);     // 1 s, a counter-clockwise display matrix
+QString anamorphicH264();             // a sample aspect ratio of 64:45
+QString tenBit(const QString& codec); // "h264" or "hevc", in MP4
+QString mp3WithCover();               // with a PNG as an attached picture
+// Two runs of `seconds` of MPEG-2 and MP2 in a program stream (.vob), the
+// timestamps starting again at the second.
 QString concatenatedVob(int seconds);
 // A program stream behind 1.2 MB of zero bytes, more than probing looks at.
 QString hiddenProgramStream(const QString& suffix);
-// An MP4 cut to its first half: the moov box at the end is lost.
-QString truncatedMp4();
+QString truncatedMp4(); // the first half: the moov box at the end is lost
 QString emptyFile();
 QString randomBytes(const QString& suffix);
-// A copy of the H.264 MP4 under a name with spaces and non-ASCII letters.
-QString unusualName();
-
+QString unusualName(); // the H.264 MP4 under spaces and non-ASCII letters
 // Copies `source` to `target` (relative to the media folder) unless present.
 QString copyAs(const QString& source, const QString& target);
 

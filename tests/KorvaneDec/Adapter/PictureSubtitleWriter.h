@@ -6,12 +6,10 @@
 #include <QString>
 
 // Picture subtitles for tests: the ffmpeg program cannot turn text cues into
-// pictures, so the tests encode their own with libavcodec's DVD subtitle
-// encoder.
+// pictures, so the tests encode their own with libavcodec.
 namespace SubtitleTest {
 
-// One cue: an opaque box of one colour (0xRRGGBB) shown from `startMs` to
-// `endMs` (milliseconds).
+// An opaque box of one colour (0xRRGGBB) shown from `startMs` to `endMs`.
 struct BoxCue
 {
     int startMs = 0;
@@ -21,8 +19,8 @@ struct BoxCue
 };
 
 // Writes a Matroska file whose only stream is a picture subtitle stream of
-// `plane` size holding the cues, DVD subtitles unless `codec` names another
-// libavcodec encoder (e.g. "dvbsub"). False with `error` set on failure.
+// `plane` size holding the cues, encoded with `codec` ("dvdsub", "dvbsub").
+// False with `error` set on failure.
 bool writePictureSubtitles(const QString& path, const QSize& plane, const QList<BoxCue>& cues,
                            QString* error, const char* codec = "dvdsub");
 
