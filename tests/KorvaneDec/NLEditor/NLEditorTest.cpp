@@ -1,6 +1,5 @@
 // The timeline document reader, the output choices and the graph text a
 // project becomes, checked by table and by handing it to libavfilter's parser.
-#include "NLEditor/OutputColour.h"
 #include "NLEditor/OutputFormat.h"
 #include "NLEditor/ProjectDocument.h"
 #include "NLEditor/RenderGraph.h"
@@ -12,7 +11,6 @@
 extern "C" {
 #include <libavcodec/avcodec.h>
 #include <libavfilter/avfilter.h>
-#include <libavutil/pixdesc.h>
 }
 
 using namespace Korvane;
@@ -130,37 +128,6 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
     }
 }
 
-// The input's tags are kept, but for the matrix of RGB, which no YUV picture
-// has, and limited range; HDR into 8 bits is tone-mapped to BT.709 by a chain
-// libavfilter takes, from the input's transfer.
-TEST(OutputColour, KeepsTheInputsTagsOrToneMapsHdrIntoEightBits)
-{
-    const ColourTags bt709{AVCOL_PRI_BT709, AVCOL_TRC_BT709, AVCOL_SPC_BT709, AVCOL_RANGE_MPEG};
-    const ColourTags pq{AVCOL_PRI_BT2020, AVCOL_TRC_SMPTE2084, AVCOL_SPC_BT2020_NCL};
-    const QList<std::tuple<ColourTags, AVPixelFormat, ColourTags>> rows = {
-        {ColourTags{}, AV_PIX_FMT_YUV420P, ColourTags{}},
-        {ColourTags{AVCOL_PRI_BT709, AVCOL_TRC_IEC61966_2_1, AVCOL_SPC_RGB, AVCOL_RANGE_JPEG},
-         AV_PIX_FMT_YUV420P,
-         ColourTags{AVCOL_PRI_BT709, AVCOL_TRC_IEC61966_2_1, AVCOL_SPC_UNSPECIFIED,
-                    AVCOL_RANGE_MPEG}},
-        {pq, AV_PIX_FMT_YUV420P, bt709},
-        {ColourTags{AVCOL_PRI_UNSPECIFIED, AVCOL_TRC_ARIB_STD_B67}, AV_PIX_FMT_NV12, bt709},
-        {pq, AV_PIX_FMT_YUV420P10LE, pq},
-    };
-    for (const auto& [tags, format, expected] : rows) {
-        VideoStreamFacts input;
-        input.primaries = tags.primaries;
-        input.transfer = tags.transfer;
-        input.matrix = tags.matrix;
-        input.range = tags.range;
-        EXPECT_TRUE(outputColour(input, format) == expected) << tags.transfer << " " << format;
-        const QString chain = toneMapChain(input, format);
-        const QString from = QString("tin=") + av_color_transfer_name(tags.transfer);
-        EXPECT_EQ(chain.contains(from) && labels("[in]" + chain + "[out]") == "in > out",
-                  expected == bt709);
-    }
-}
-
 TEST(ClipAudioChain, CutsRetimesFiltersAndPlaces)
 {
     MediaClip c = clip(R"("range_begin": 500, "range_length": 1000, "speed": 2,
@@ -171,12 +138,10 @@ TEST(ClipAudioChain, CutsRetimesFiltersAndPlaces)
     c.toFileEnd = true;
     EXPECT_EQ(clipAudioChain(c, false), "atrim=start=0.5,asetpts=PTS-0.5/TB,atempo=2,volume=0.5");
     // atempo takes 0.5 to 100: other speeds are split.
-    const QList<QPair<double, QStringList>> tempo = {{1.0, {}},
-                                                     {0.25, {"atempo=0.5", "atempo=0.5"}},
-                                                     {0.3, {"atempo=0.5", "atempo=0.6"}},
-                                                     {250.0, {"atempo=100", "atempo=2.5"}}};
+    const QList<QPair<double, QString>> tempo = {
+        {1.0, ""}, {0.3, "atempo=0.5,atempo=0.6"}, {250.0, "atempo=100,atempo=2.5"}};
     for (const auto& [speed, expected] : tempo) {
-        EXPECT_EQ(tempoFilters(speed), expected) << speed;
+        EXPECT_EQ(tempoFilters(speed).join(','), expected) << speed;
     }
 }
 
@@ -230,14 +195,6 @@ TEST(BuildAudioGraph, MixesMainTrackAndPlacedClips)
 
 TEST(OutputFormat, MuxerAndEncoderChoices)
 {
-    // The format wins over the name; a preset name lets the extension decide.
-    const QList<std::tuple<QString, QString, QString>> muxers = {
-        {"mp4", "/x/out.mkv", "mp4"},     {"mkv", "/x/out.mp4", "matroska"},
-        {"YouTube", "/x/out.mp4", "mp4"}, {"divx", "/x/out.avi", "avi"},
-        {"", "/x/out.mov", "mov"},        {"nosuch", "/x/out.nosuchext", ""}};
-    for (const auto& [format, path, muxer] : muxers) {
-        EXPECT_EQ(resolveMuxer(format, path), muxer) << format.toStdString();
-    }
     // video encoder, audio encoder
     const QList<QPair<QString, QString>> encoders = {
         {"H264", "libx264 h264"},        {"h265", "libx265 h265"},

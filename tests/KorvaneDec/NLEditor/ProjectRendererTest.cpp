@@ -1,7 +1,6 @@
 // Renders small generated clips through the engine and measures the results
 // with ffprobe and the ffmpeg program: one render per distinct path.
 #include "LogCapture.h"
-#include "PictureSubtitleWriter.h"
 #include "RenderTestSupport.h"
 #include "TestMedia.h"
 
@@ -88,7 +87,8 @@ TEST(ProjectRenderer, EachRenderLeavesItsStreamsOrItsReason)
     }
     noisy.write(clean.readAll());
     noisy.close();
-    const QJsonObject image{{"type", "image"}, {"file_path", missing}, {"track_ref", "track_1"}};
+    const QJsonObject image{{"type", "image"}, {"file_path", coverJpeg()}, {"range_length", 2000}};
+    const QJsonObject lost{{"type", "image"}, {"file_path", missing}};
     QJsonObject whole = clip(sound, 0, 2000);
     const QJsonObject mosaic{{"name", "AIMosaic"}, {"value", "/elsewhere/mosaic.json"}};
     whole.insert("video_filters", QJsonArray{mosaic, mosaic});
@@ -102,7 +102,7 @@ TEST(ProjectRenderer, EachRenderLeavesItsStreamsOrItsReason)
     record.audio.channels = 1;
     const QString mp4 = "h264 160x120 25, aac 48000 2, cover; ";
     const QList<std::tuple<QJsonArray, AVTaskOutputParam, QString>> rows = {
-        {{whole}, output("whole.mp4"), mp4 + "50 pictures, 2.0 s"},
+        {{whole, image}, output("whole.mp4"), mp4 + "50 pictures, 2.0 s"},
         {{clip(sound, 0, 600), clip(sound, 1200, 800, 600)},
          output("cuts.mp4"),
          mp4 + "35 pictures, 1.4 s"},
@@ -118,7 +118,7 @@ TEST(ProjectRenderer, EachRenderLeavesItsStreamsOrItsReason)
         {{clip(noisy.fileName(), 0, 3000)},
          output("damaged.m4a", "ipod"),
          "aac 48000 2, cover; 0 pictures, 3.0 s"},
-        {{clip(sound, 0, 1000), image}, output("bad.mp4"), missing},
+        {{clip(sound, 0, 1000), lost}, output("bad.mp4"), missing},
         {{clip("/nonexistent/clip.mp4", 0, 1000)}, output("bad.mp4"), "/nonexistent/clip.mp4"},
         {{clip(sound, 0, 1000)}, output("bad.mp4", "mp4", "aac", "nosuchcodec"), "nosuchcodec"},
         {{clip(toneFile(), 0, 1000)}, output("bad.mp4"), "no decodable video stream"},
@@ -193,42 +193,6 @@ TEST(ProjectRenderer, PicturesLookLikeTheSameEditMadeByFfmpeg)
                                   "libx264", "-crf", "10", "-pix_fmt", "yuv420p", reference}),
                   0);
         EXPECT_LT(pictureDifference(out.outputPath, reference, 1.0, {0, 0, 160, 120}), 5.0);
-    }
-}
-
-// Text cues drawn by libass and picture cues overlaid (from a half-size
-// plane: at twice their place) show only while their cue is on, and keep to
-// the picture of a clip played at double speed: on from 0.4 s to 0.8 s.
-TEST(ProjectRenderer, SubtitlesShowOnlyWhileTheirCueIsOn)
-{
-    const QString srt = outputPath("cue.srt");
-    QFile file(srt);
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write("1\n00:00:00,800 --> 00:00:01,600\nWWWWWWWW\n\n");
-    file.close();
-    const QString boxes = outputPath("boxes.mkv");
-    QString error;
-    ASSERT_TRUE(SubtitleTest::writePictureSubtitles(boxes, QSize(80, 60),
-                                                    {{800, 1600, QRect(10, 40, 60, 12)}}, &error));
-    QString plain;
-    // file, where its cue shows, least difference there while on, most while off
-    for (const auto& [cues, box, on, off] :
-         QList<std::tuple<QString, QRect, double, double>>{{"", {}, 0, 0},
-                                                           {srt, {0, 90, 160, 30}, 3.0, 1.5},
-                                                           {boxes, {24, 84, 112, 16}, 30, 5}}) {
-        QJsonObject main = clip(clipWithoutSound(), 0, 2000, 0, 2.0, "video_only");
-        main.insert("subtitles", QJsonArray{QJsonObject{{"attached_file_path", cues},
-                                                        {"display", !cues.isEmpty()}}});
-        const AVTaskOutputParam out = output("subtitled.mp4");
-        ASSERT_EQ(render(document(160, 120, 25, {main}), out).status, RenderStatus::Finished);
-        if (cues.isEmpty()) {
-            plain = out.outputPath;
-            continue;
-        }
-        EXPECT_GT(pictureDifference(out.outputPath, plain, 0.6, box), on);
-        EXPECT_LT(pictureDifference(out.outputPath, plain, 0.6, {0, 0, 160, 40}), off);
-        EXPECT_LT(pictureDifference(out.outputPath, plain, 0.2, box), off);
-        EXPECT_LT(pictureDifference(out.outputPath, plain, 0.9, box), off);
     }
 }
 

@@ -28,6 +28,13 @@ QByteArray ffmpegOutput(const QStringList& args, bool log = true)
     return log ? process.readAllStandardError() : process.readAllStandardOutput();
 }
 
+// The number a measuring filter of the ffmpeg program logs, or `otherwise`.
+double logged(const QStringList& args, const QString& pattern, double otherwise)
+{
+    const QRegularExpressionMatch match = QRegularExpression(pattern).match(ffmpegOutput(args));
+    return match.hasMatch() ? match.captured(1).toDouble() : otherwise;
+}
+
 } // namespace
 
 QString clipWithSound()
@@ -48,11 +55,6 @@ QString toneFile()
 {
     return generate("tone-1k.m4a", "-f lavfi -i sine=frequency=1000:sample_rate=48000:duration=3 "
                                    "-ac 2 -c:a aac -b:a 128k");
-}
-
-QString watermarkPng()
-{
-    return generate("mark.png", "-f lavfi -i color=c=red:size=40x30 -frames:v 1");
 }
 
 QString coverJpeg()
@@ -77,29 +79,18 @@ QJsonObject mainClip(const QString& path, qint64 beginMs, qint64 lengthMs, doubl
                        {"speed", speed},         {"file_audio_stream_index", 1}};
 }
 
-QJsonObject transform(int bgW, int bgH, const QString& crop, int rotation)
+QJsonObject transform(int bgW, int bgH)
 {
-    return QJsonObject{{"bg_size", QStringLiteral("%1,%2").arg(bgW).arg(bgH)},
-                       {"crop", crop},
-                       {"rotation", rotation}};
+    return QJsonObject{{"bg_size", QStringLiteral("%1,%2").arg(bgW).arg(bgH)}};
 }
 
-QJsonObject document(int width, int height, double fps, const QJsonArray& clips,
-                     const QJsonArray& extraTracks)
+QJsonObject document(int width, int height, double fps, const QJsonArray& clips)
 {
-    QJsonArray tracks{QJsonObject{{"id", "track_0"}, {"kind", "video"}, {"trunk", true}}};
-    for (const QJsonValue& track : extraTracks) {
-        tracks.append(track);
-    }
+    const QJsonObject trunk{{"id", "track_0"}, {"kind", "video"}, {"trunk", true}};
     return QJsonObject{
         {"preview_param", QJsonObject{{"fps", fps}, {"width", width}, {"height", height}}},
-        {"tracks", tracks},
+        {"tracks", QJsonArray{trunk}},
         {"clips", clips}};
-}
-
-bool ffmpeg(const QStringList& args)
-{
-    return TestMedia::run(TestMedia::ffmpeg(), QStringList{"-y", "-loglevel", "error"} + args) == 0;
 }
 
 Probe probe(const QString& path, bool countFrames)
@@ -127,23 +118,17 @@ Probe probe(const QString& path, bool countFrames)
             // Counted by decoding when asked for, else as the container states.
             p.videoFrames = s[countFrames ? "nb_read_frames" : "nb_frames"].toString().toInt();
             const QStringList rate = s["avg_frame_rate"].toString().split('/');
-            streams.append(QString("%1 %2x%3 %4")
-                               .arg(codec)
-                               .arg(p.width)
-                               .arg(p.height)
-                               .arg(qRound(rate[0].toDouble() / rate.value(1).toDouble())));
-            QStringList colour;
+            streams << QString::asprintf("%s %dx%d %d", qPrintable(codec), p.width, p.height,
+                                         qRound(rate[0].toDouble() / rate.value(1).toDouble()));
             for (const char* key :
                  {"pix_fmt", "color_primaries", "color_transfer", "color_space", "color_range"}) {
-                colour.append(s[key].toString("unknown"));
+                p.colour += (p.colour.isEmpty() ? "" : " ") + s[key].toString("unknown");
             }
-            p.colour = colour.join(' ');
         } else if (type == "audio") {
             ++p.audioStreams;
             p.audioDuration = s["duration"].toString().toDouble();
-            streams.append(QString("%1 %2 %3")
-                               .arg(codec, s["sample_rate"].toString())
-                               .arg(s["channels"].toInt()));
+            streams << codec + " " + s["sample_rate"].toString() + " " +
+                           QString::number(s["channels"].toInt());
         }
     }
     p.streams = streams.join(", ");
@@ -170,10 +155,8 @@ bool packetTimesIncrease(const QString& path)
 
 double ssim(const QString& a, const QString& b)
 {
-    const QString log =
-        ffmpegOutput({"-i", a, "-i", b, "-lavfi", "[0:v][1:v]ssim", "-f", "null", "-"});
-    const QRegularExpressionMatch match = QRegularExpression("All:([0-9.]+)").match(log);
-    return match.hasMatch() ? match.captured(1).toDouble() : -1.0;
+    return logged({"-i", a, "-i", b, "-lavfi", "[0:v][1:v]ssim", "-f", "null", "-"},
+                  "All:([0-9.]+)", -1.0);
 }
 
 double meanVolume(const QString& path, double startS, double lengthS)
@@ -182,11 +165,9 @@ double meanVolume(const QString& path, double startS, double lengthS)
     if (lengthS > 0) {
         args << "-t" << QString::number(lengthS);
     }
-    const QString log =
-        ffmpegOutput(args + QStringList{"-vn", "-af", "volumedetect", "-f", "null", "-"});
-    const QRegularExpressionMatch match =
-        QRegularExpression("mean_volume: (-?[0-9.]+) dB").match(log);
-    return match.hasMatch() ? match.captured(1).toDouble() : -200.0; // -inf: silence
+    // -inf for silence
+    return logged(args + QStringList{"-vn", "-af", "volumedetect", "-f", "null", "-"},
+                  "mean_volume: (-?[0-9.]+) dB", -200.0);
 }
 
 double pictureDifference(const QString& a, const QString& b, double atS, const QRect& r)

@@ -10,12 +10,10 @@
 namespace RenderTest {
 
 // Made once: 160x120 test pattern, 2 s at 25 fps, with a 440 Hz 48 kHz
-// stereo tone or without sound; a 3 s 1 kHz tone; a 40x30 red PNG; a 64x64
-// JPEG cover.
+// stereo tone or without sound; a 3 s 1 kHz tone; a 64x64 JPEG cover.
 QString clipWithSound();
 QString clipWithoutSound();
 QString toneFile();
-QString watermarkPng();
 QString coverJpeg();
 
 // A fresh output path in the test's temporary area.
@@ -24,10 +22,8 @@ QString outputPath(const QString& name);
 // Clip and document builders with the keys of the timeline document.
 QJsonObject mainClip(const QString& path, qint64 beginMs, qint64 lengthMs, double posMs,
                      double speed = 1.0, const QString& kind = QStringLiteral("video"));
-QJsonObject transform(int bgW, int bgH, const QString& crop = QStringLiteral("0,0,1,1"),
-                      int rotation = 0);
-QJsonObject document(int width, int height, double fps, const QJsonArray& clips,
-                     const QJsonArray& extraTracks = {});
+QJsonObject transform(int bgW, int bgH);
+QJsonObject document(int width, int height, double fps, const QJsonArray& clips);
 
 // ffprobe facts of a file; `countFrames` decodes the video to count them.
 struct Probe
@@ -56,7 +52,5 @@ double meanVolume(const QString& path, double startS = 0.0, double lengthS = -1.
 // Mean absolute difference (0..255) of the RGB pictures of two files at a
 // time, in a rectangle.
 double pictureDifference(const QString& a, const QString& b, double atS, const QRect& r);
-// Runs the ffmpeg program; true on exit 0.
-bool ffmpeg(const QStringList& args);
 
 } // namespace RenderTest
