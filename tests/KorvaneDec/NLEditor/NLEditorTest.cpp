@@ -83,15 +83,8 @@ QString labels(const QString& text)
 // Each clip read from its document keys, then turned into its picture chain.
 TEST(MainClipVideoChain, WritesEachEditInOrder)
 {
-    struct Row
-    {
-        QString keys;
-        SourcePicture picture;
-        QSize canvas;
-        QString expected;
-    };
     const QString cut = R"("range_begin": 500, "range_length": 1000)";
-    const QList<Row> rows = {
+    const QList<std::tuple<QString, SourcePicture, QSize, QString>> rows = {
         {cut, picture(160, 120), QSize(160, 120),
          "trim=start=0.5:end=1.5,setpts=(PTS-0.5/TB)/1,scale=160:120,setsar=1"},
         {R"("range_length": 2000, "speed": 2,
@@ -123,8 +116,8 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
          "trim=start=0:end=1,setpts=(PTS-0/TB)/1,stereo3d=sbsl:arcc,eq=contrast=1.5,"
          "scale=160:120,setsar=1"},
     };
-    for (const Row& row : rows) {
-        EXPECT_EQ(mainClipVideoChain(clip(row.keys), row.picture, row.canvas, "m0"), row.expected);
+    for (const auto& [keys, picture, canvas, expected] : rows) {
+        EXPECT_EQ(mainClipVideoChain(clip(keys), picture, canvas, "m0"), expected);
     }
 }
 

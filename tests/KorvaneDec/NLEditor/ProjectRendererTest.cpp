@@ -58,16 +58,15 @@ QJsonObject clip(const QString& path, qint64 beginMs, qint64 lengthMs, double po
 
 } // namespace
 
-// Each render with a cover and a title. Pictures (the last one too) and
-// sound on its own sample clock last the cuts played at their speed; the
-// output record chooses codecs, size, rate and container ("YouTube" is a
-// preset: the extension decides); a sound with a cover shows it for the
-// length of the sound; a sound file keeps only the sound and its cover;
-// packets that do not decode (noise before the first frame, as a damaged
-// download has) are skipped with one record of their count. A missing
-// input, an unknown encoder, no picture or no sound left: the render fails
-// with a reason that names it and leaves no file. A mosaic result made on
-// another machine is left out, with one note.
+// Each render with a cover and a title. Pictures (the last one too) and sound
+// on its own sample clock last the cuts played at their speed; the output
+// record chooses codecs, size, rate and container ("YouTube" is a preset: the
+// extension decides); a sound with a cover shows it as long as the sound; a
+// sound file keeps only the sound and its cover; packets that do not decode
+// (noise before the first frame, as a damaged download has) are skipped with
+// one record of their count. A missing input, an unknown encoder, no picture
+// or no sound left: the render fails, names why and leaves no file. A mosaic
+// result made on another machine is left out, with one note.
 TEST(ProjectRenderer, EachRenderLeavesItsStreamsOrItsReason)
 {
     const QString sound = clipWithSound();

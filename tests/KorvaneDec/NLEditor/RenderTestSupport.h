@@ -16,10 +16,8 @@ QString clipWithoutSound();
 QString toneFile();
 QString coverJpeg();
 
-// A fresh output path in the test's temporary area.
+// A fresh output path; clip and document builders with the document's keys.
 QString outputPath(const QString& name);
-
-// Clip and document builders with the keys of the timeline document.
 QJsonObject mainClip(const QString& path, qint64 beginMs, qint64 lengthMs, double posMs,
                      double speed = 1.0, const QString& kind = QStringLiteral("video"));
 QJsonObject transform(int bgW, int bgH);
@@ -35,10 +33,8 @@ struct Probe
     double audioDuration = 0.0;
     int videoFrames = 0;
     int audioStreams = 0;
-    // picture, sound and cover streams, codecs, size, rate, sound form
-    QString streams;
-    // pixel format, primaries, transfer, matrix, range, as ffprobe names them
-    QString colour;
+    QString streams; // each stream's codec and size and rate, or rate and channels; "cover"
+    QString colour;  // pixel format, primaries, transfer, matrix, range, as ffprobe names them
     QString title;
 };
 Probe probe(const QString& path, bool countFrames = false);
