@@ -142,15 +142,18 @@ bool packetTimesIncrease(const QString& path)
         TestMedia::ffprobe(),
         {"-v", "error", "-show_entries", "packet=stream_index,dts", "-of", "csv=p=0", path}, &out);
     QHash<int, qint64> last;
-    for (const QByteArray& line : out.trimmed().split('\n')) {
+    for (const QByteArray& line : out.split('\n')) {
         const QList<QByteArray> fields = line.trimmed().split(',');
-        if (fields.size() != 2 ||
-            last.value(fields[0].toInt(), LLONG_MIN) >= fields[1].toLongLong()) {
+        if (fields.size() != 2) {
+            continue;
+        }
+        const int stream = fields[0].toInt();
+        if (last.contains(stream) && fields[1].toLongLong() <= last.value(stream)) {
             return false;
         }
-        last.insert(fields[0].toInt(), fields[1].toLongLong());
+        last.insert(stream, fields[1].toLongLong());
     }
-    return !out.isEmpty();
+    return !last.isEmpty();
 }
 
 double ssim(const QString& a, const QString& b)
