@@ -3,12 +3,10 @@
 #include "TestMedia.h"
 
 #include <QDir>
-#include <QFile>
 #include <QHash>
 #include <QJsonDocument>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QStandardPaths>
 #include <QUuid>
 
 namespace RenderTest {
@@ -18,6 +16,23 @@ namespace {
 QString generate(const QString& name, const QString& args)
 {
     return TestMedia::generate("engine/" + name, args.split(QLatin1Char(' ')));
+}
+
+// What the ffmpeg program writes to its log (where its measuring filters
+// report), or to its output.
+QByteArray ffmpegOutput(const QStringList& args, bool log = true)
+{
+    QProcess process;
+    process.start(TestMedia::ffmpeg(), QStringList{"-hide_banner"} + args);
+    process.waitForFinished(120000);
+    return log ? process.readAllStandardError() : process.readAllStandardOutput();
+}
+
+// The number a measuring filter of the ffmpeg program logs, or `otherwise`.
+double logged(const QStringList& args, const QString& pattern, double otherwise)
+{
+    const QRegularExpressionMatch match = QRegularExpression(pattern).match(ffmpegOutput(args));
+    return match.hasMatch() ? match.captured(1).toDouble() : otherwise;
 }
 
 } // namespace
@@ -42,11 +57,6 @@ QString toneFile()
                                    "-ac 2 -c:a aac -b:a 128k");
 }
 
-QString watermarkPng()
-{
-    return generate("mark.png", "-f lavfi -i color=c=red:size=40x30 -frames:v 1");
-}
-
 QString coverJpeg()
 {
     return generate("cover.jpg", "-f lavfi -i color=c=blue:size=64x64 -frames:v 1");
@@ -56,10 +66,8 @@ QString outputPath(const QString& name)
 {
     const QString dir = TestMedia::dir() + QStringLiteral("/engine-out");
     QDir().mkpath(dir);
-    const QString path = dir + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::Id128) +
-                         QLatin1Char('-') + name;
-    QFile::remove(path);
-    return path;
+    return dir + QLatin1Char('/') + QUuid::createUuid().toString(QUuid::Id128) + QLatin1Char('-') +
+           name;
 }
 
 QJsonObject mainClip(const QString& path, qint64 beginMs, qint64 lengthMs, double posMs,
@@ -71,95 +79,68 @@ QJsonObject mainClip(const QString& path, qint64 beginMs, qint64 lengthMs, doubl
                        {"speed", speed},         {"file_audio_stream_index", 1}};
 }
 
-QJsonObject transform(int bgW, int bgH, const QString& crop, int rotation, bool flipX, bool flipY)
+QJsonObject transform(int bgW, int bgH)
 {
-    return QJsonObject{{"bg_size", QStringLiteral("%1,%2").arg(bgW).arg(bgH)},
-                       {"crop", crop},
-                       {"flip_x", flipX},
-                       {"flip_y", flipY},
-                       {"rotation", rotation}};
+    return QJsonObject{{"bg_size", QStringLiteral("%1,%2").arg(bgW).arg(bgH)}};
 }
 
-QJsonObject document(int width, int height, double fps, const QJsonArray& clips,
-                     const QJsonArray& extraTracks)
+QJsonObject document(int width, int height, double fps, const QJsonArray& clips)
 {
-    QJsonArray tracks{QJsonObject{{"id", "track_0"}, {"kind", "video"}, {"trunk", true}}};
-    for (const QJsonValue& track : extraTracks) {
-        tracks.append(track);
-    }
+    const QJsonObject trunk{{"id", "track_0"}, {"kind", "video"}, {"trunk", true}};
     return QJsonObject{
         {"preview_param", QJsonObject{{"fps", fps}, {"width", width}, {"height", height}}},
-        {"tracks", tracks},
+        {"tracks", QJsonArray{trunk}},
         {"clips", clips}};
-}
-
-bool ffmpeg(const QStringList& args)
-{
-    return TestMedia::run(TestMedia::ffmpeg(), QStringList{"-y", "-loglevel", "error"} + args) == 0;
 }
 
 Probe probe(const QString& path, bool countFrames)
 {
-    Probe result;
     QByteArray out;
     QStringList args{"-v", "error", "-show_format", "-show_streams", "-of", "json", path};
     if (countFrames) {
         args.prepend("-count_frames");
     }
-    if (TestMedia::run(TestMedia::ffprobe(), args, &out) != 0) {
-        return result;
-    }
+    TestMedia::run(TestMedia::ffprobe(), args, &out);
     const QJsonObject root = QJsonDocument::fromJson(out).object();
-    const QJsonObject format = root.value("format").toObject();
-    result.formatDuration = format.value("duration").toString().toDouble();
-    result.tags = format.value("tags").toObject();
-    for (const QJsonValue& value : root.value("streams").toArray()) {
-        const QJsonObject stream = value.toObject();
-        const QString type = stream.value("codec_type").toString();
-        if (type == QLatin1String("video")) {
-            if (stream.value("disposition").toObject().value("attached_pic").toInt() == 1) {
-                ++result.attachedPictures;
-                continue;
-            }
-            ++result.videoStreams;
-            result.width = stream.value("width").toInt();
-            result.height = stream.value("height").toInt();
-            result.videoCodec = stream.value("codec_name").toString();
-            result.videoDuration = stream.value("duration").toString().toDouble();
+    Probe p;
+    p.formatDuration = root["format"]["duration"].toString().toDouble();
+    p.title = root["format"]["tags"]["title"].toString();
+    QStringList streams;
+    for (const QJsonValue& s : root["streams"].toArray()) {
+        const QString type = s["codec_type"].toString();
+        const QString codec = s["codec_name"].toString();
+        if (type == "attachment" || s["disposition"]["attached_pic"].toInt() == 1) {
+            streams.append("cover");
+        } else if (type == "video") {
+            p.width = s["width"].toInt();
+            p.height = s["height"].toInt();
+            p.videoDuration = s["duration"].toString().toDouble();
             // Counted by decoding when asked for, else as the container states.
-            result.videoFrames =
-                stream.value(countFrames ? "nb_read_frames" : "nb_frames").toString().toInt();
+            p.videoFrames = s[countFrames ? "nb_read_frames" : "nb_frames"].toString().toInt();
+            const QStringList rate = s["avg_frame_rate"].toString().split('/');
+            streams << QString::asprintf("%s %dx%d %d", qPrintable(codec), p.width, p.height,
+                                         qRound(rate[0].toDouble() / rate.value(1).toDouble()));
             for (const char* key :
                  {"pix_fmt", "color_primaries", "color_transfer", "color_space", "color_range"}) {
-                result.colour.append(stream.value(QLatin1String(key)).toString("unknown"));
+                p.colour += (p.colour.isEmpty() ? "" : " ") + s[key].toString("unknown");
             }
-            const QStringList rate = stream.value("avg_frame_rate").toString().split('/');
-            if (rate.size() == 2 && rate[1].toDouble() > 0) {
-                result.frameRate = rate[0].toDouble() / rate[1].toDouble();
-            }
-        } else if (type == QLatin1String("audio")) {
-            ++result.audioStreams;
-            result.audioCodec = stream.value("codec_name").toString();
-            result.audioDuration = stream.value("duration").toString().toDouble();
-            result.sampleRate = stream.value("sample_rate").toString().toInt();
-            result.channels = stream.value("channels").toInt();
-        } else if (type == QLatin1String("attachment")) {
-            ++result.attachedPictures;
+        } else if (type == "audio") {
+            ++p.audioStreams;
+            p.audioDuration = s["duration"].toString().toDouble();
+            streams << codec + " " + s["sample_rate"].toString() + " " +
+                           QString::number(s["channels"].toInt());
         }
     }
-    return result;
+    p.streams = streams.join(", ");
+    return p;
 }
 
 bool packetTimesIncrease(const QString& path)
 {
     QByteArray out;
-    if (TestMedia::run(
-            TestMedia::ffprobe(),
-            {"-v", "error", "-show_entries", "packet=stream_index,dts", "-of", "csv=p=0", path},
-            &out) != 0 ||
-        out.isEmpty()) {
-        return false;
-    }
+    TestMedia::run(
+        TestMedia::ffprobe(),
+        {"-v", "error", "-show_entries", "packet=stream_index,dts", "-of", "csv=p=0", path}, &out);
     QHash<int, qint64> last;
     for (const QByteArray& line : out.split('\n')) {
         const QList<QByteArray> fields = line.trimmed().split(',');
@@ -167,77 +148,49 @@ bool packetTimesIncrease(const QString& path)
             continue;
         }
         const int stream = fields[0].toInt();
-        const qint64 dts = fields[1].toLongLong();
-        if (last.contains(stream) && dts <= last.value(stream)) {
+        if (last.contains(stream) && fields[1].toLongLong() <= last.value(stream)) {
             return false;
         }
-        last.insert(stream, dts);
+        last.insert(stream, fields[1].toLongLong());
     }
-    return true;
+    return !last.isEmpty();
 }
-
-namespace {
-
-QString runForStderr(const QStringList& args)
-{
-    QProcess process;
-    process.start(TestMedia::ffmpeg(), args);
-    process.waitForFinished(120000);
-    return QString::fromUtf8(process.readAllStandardError());
-}
-
-} // namespace
 
 double ssim(const QString& a, const QString& b)
 {
-    const QString log = runForStderr(
-        {"-hide_banner", "-i", a, "-i", b, "-lavfi", "[0:v][1:v]ssim", "-f", "null", "-"});
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral("All:([0-9.]+)")).match(log);
-    return match.hasMatch() ? match.captured(1).toDouble() : -1.0;
+    return logged({"-i", a, "-i", b, "-lavfi", "[0:v][1:v]ssim", "-f", "null", "-"},
+                  "All:([0-9.]+)", -1.0);
 }
 
 double meanVolume(const QString& path, double startS, double lengthS)
 {
-    QStringList args{"-hide_banner", "-ss", QString::number(startS), "-i", path};
+    QStringList args{"-ss", QString::number(startS), "-i", path};
     if (lengthS > 0) {
         args << "-t" << QString::number(lengthS);
     }
-    args += QStringList{"-vn", "-af", "volumedetect", "-f", "null", "-"};
-    const QString log = runForStderr(args);
-    const QRegularExpressionMatch match =
-        QRegularExpression(QStringLiteral("mean_volume: (-?[0-9.]+|-inf) dB")).match(log);
-    if (!match.hasMatch() || match.captured(1) == QLatin1String("-inf")) {
-        return -200.0;
-    }
-    return match.captured(1).toDouble();
+    // -inf for silence
+    return logged(args + QStringList{"-vn", "-af", "volumedetect", "-f", "null", "-"},
+                  "mean_volume: (-?[0-9.]+) dB", -200.0);
 }
 
-double pictureDifference(const QString& a, const QString& b, double atS, int x, int y, int w, int h)
+double pictureDifference(const QString& a, const QString& b, double atS, const QRect& r)
 {
-    auto grab = [&](const QString& path, QByteArray* pixels) {
-        QProcess process;
-        process.start(TestMedia::ffmpeg(),
-                      {"-hide_banner", "-loglevel", "error", "-ss", QString::number(atS), "-i",
-                       path, "-frames:v", "1", "-vf",
-                       QStringLiteral("crop=%1:%2:%3:%4").arg(w).arg(h).arg(x).arg(y), "-f",
-                       "rawvideo", "-pix_fmt", "rgb24", "-"});
-        process.waitForFinished(60000);
-        *pixels = process.readAllStandardOutput();
-    };
-    QByteArray first;
-    QByteArray second;
-    grab(a, &first);
-    grab(b, &second);
-    if (first.isEmpty() || first.size() != second.size()) {
+    QByteArray pictures[2];
+    for (int i = 0; i < 2; ++i) {
+        pictures[i] = ffmpegOutput(
+            {"-ss", QString::number(atS), "-i", i ? b : a, "-frames:v", "1", "-vf",
+             QString("crop=%1:%2:%3:%4").arg(r.width()).arg(r.height()).arg(r.x()).arg(r.y()), "-f",
+             "rawvideo", "-pix_fmt", "rgb24", "-"},
+            false);
+    }
+    if (pictures[0].isEmpty() || pictures[0].size() != pictures[1].size()) {
         return -1.0;
     }
     double sum = 0.0;
-    for (int i = 0; i < first.size(); ++i) {
-        sum +=
-            std::abs(static_cast<unsigned char>(first[i]) - static_cast<unsigned char>(second[i]));
+    for (int i = 0; i < pictures[0].size(); ++i) {
+        sum += std::abs(quint8(pictures[0][i]) - quint8(pictures[1][i]));
     }
-    return sum / first.size();
+    return sum / pictures[0].size();
 }
 
 } // namespace RenderTest
