@@ -117,6 +117,11 @@ TEST(SupportChecks, EditsAudioStreamsAndTags)
     for (const QString& file : {path, one, two, genre, named}) {
         ASSERT_FALSE(file.isEmpty());
     }
+    // An unreadable file fails the ffmpeg check but passes the other one.
+    QTemporaryDir dir;
+    QFile garbage(dir.filePath("garbage.mp4"));
+    ASSERT_TRUE(garbage.open(QIODevice::WriteOnly) && garbage.write(QByteArray(4096, 'x')));
+    garbage.close();
     const SelfSubtitle subtitle{2, "en"};
     const AttachedAudio audio{0, "/a.mp3"};
     const AttachedSubtitle attached{0, "t", "/a.srt"};
@@ -126,9 +131,18 @@ TEST(SupportChecks, EditsAudioStreamsAndTags)
     const QVariantMap ignoredTags{{"genre", "12"}, {"comment", ""}, {"encoder", "x"}};
     const QVariantMap namedGenres{{"genre", "Jazz"}, {"title", "Clip"}};
     const std::function<void(ConvertSource&)> nothing = [](auto&) {};
+    // Edits the ffmpeg path makes itself.
+    const std::function<void(ConvertSource&)> edits = [&](ConvertSource& s) {
+        s.crop = crop;
+        s.waterMark.append(WaterMarkParam{});
+        s.aiAutoReframe.path = "/reframe.dat";
+    };
     const std::tuple<QString, const char*, std::function<void(ConvertSource&)>, bool, bool> rows[] =
         {
             {path, "nothing", nothing, true, true},
+            {garbage.fileName(), "garbage", nothing, false, true},
+            {dir.filePath("missing.mp4"), "missing", nothing, false, true},
+            {QString(), "no path", nothing, false, true},
             {path, "self subtitle", [&](auto& s) { s.selfSubtitles.append(subtitle); }, false,
              true},
             {path, "attached audio", [&](auto& s) { s.attachedAudio.append(audio); }, false, true},
@@ -141,17 +155,13 @@ TEST(SupportChecks, EditsAudioStreamsAndTags)
             {path, "speed 1.02", [](auto& s) { s.speed = 1.02f; }, false, false},
             {path, "brightness", [](auto& s) { s.baseFilter.brightness = 1; }, false, false},
             {path, "shadow", [](auto& s) { s.baseFilter.shadow = -2; }, false, false},
-            {path, "highlight", [](auto& s) { s.baseFilter.highlight = 3; }, false, false},
-            {path, "hue", [](auto& s) { s.baseFilter.hue = 5; }, false, false},
             {path, "volume 99", [](auto& s) { s.baseFilter.volume = 99; }, false, false},
             {path, "mosaic", [](auto& s) { s.aiMosaic.path = "/mosaic.dat"; }, false, false},
-            {path, "reframe", [](auto& s) { s.aiAutoReframe.path = "/reframe.dat"; }, true, true},
             {path, "operator", [](auto& s) { s.extraParam["operatorDllPath"] = "/x.dll"; }, false,
              true},
             {path, "empty plug-in entries", [&](auto& s) { s.extraParam = emptyPlugin; }, true,
              true},
-            {path, "crop", [&](auto& s) { s.crop = crop; }, true, true},
-            {path, "watermark", [](auto& s) { s.waterMark.append(WaterMarkParam{}); }, true, true},
+            {path, "crop, watermark, reframe", edits, true, true},
             {one, "no audio kept", nothing, false, true},
             {one, "its audio kept", [](auto& s) { s.selfAudios << 1; }, true, true},
             {one, "two audio kept", [](auto& s) { s.selfAudios << 1 << 2; }, false, true},
@@ -170,21 +180,6 @@ TEST(SupportChecks, EditsAudioStreamsAndTags)
         edit(source);
         EXPECT_EQ(ffmpegSupports(source), ffmpeg);
         EXPECT_EQ(isConverterSourceSupportedByTranscoder(source, QString()), transcoder);
-    }
-}
-
-// An unreadable file fails the ffmpeg check but passes the other one.
-TEST(SupportChecks, UnreadableFile)
-{
-    QTemporaryDir dir;
-    QFile file(dir.filePath("garbage.mp4"));
-    ASSERT_TRUE(file.open(QIODevice::WriteOnly));
-    file.write(QByteArray(4096, 'x'));
-    file.close();
-    for (const QString& path : {file.fileName(), dir.filePath("missing.mp4"), QString()}) {
-        SCOPED_TRACE(qPrintable(path));
-        EXPECT_FALSE(ffmpegSupports(sourceFor(path)));
-        EXPECT_TRUE(isConverterSourceSupportedByTranscoder(sourceFor(path), QString()));
     }
 }
 
