@@ -46,9 +46,7 @@ bool ffmpegSupports(const ConvertSource& source, const QString& codec = "h264",
 
 } // namespace
 
-// The codec of the first stream, its container, its bit depth, and the output
-// codec with its container, compared lower-cased. A path without a dot has
-// itself as its extension, which no list holds.
+// Input codec, extension and depth, output codec and container, all case-blind.
 TEST(FFmpegSupportCheck, CodecsAndContainers)
 {
     const std::tuple<QString, QStringList, QString, QString, bool> rows[] = {
@@ -72,8 +70,7 @@ TEST(FFmpegSupportCheck, CodecsAndContainers)
     }
 }
 
-// A job whose names would reach ffmpeg's arguments as more than a name is
-// refused before the file is opened, and the record names the field.
+// Names that would reach ffmpeg's arguments as more than names are refused and logged.
 TEST(FFmpegSupportCheck, NamesThatAreNotPlainAreRefusedAndLogged)
 {
     const std::array<const char*, 4> rows[] = {{"audio.codecName", "h264", "mp4", "aac -f wav /x"},
@@ -86,11 +83,9 @@ TEST(FFmpegSupportCheck, NamesThatAreNotPlainAreRefusedAndLogged)
     }
 }
 
-// Every edit the ffmpeg path does not make refuses the job there; the other
-// check refuses only speed, colour and volume edits and the mosaic, with a
-// looser speed tolerance on purpose. The ffmpeg path keeps at most one audio
-// stream and not fewer than the file has, and the file's tags, the genre
-// compared as integers. An unreadable file fails the ffmpeg check only.
+// The ffmpeg path refuses edits it does not make, unreadable files, other audio counts
+// than one of the file's, and other tags (the genre as an integer); the other check
+// refuses only speed (looser on purpose), colour and volume edits and the mosaic.
 TEST(SupportChecks, EditsAudioStreamsAndTags)
 {
     const QString path = media("h264.mp4", kH264);
@@ -125,8 +120,6 @@ TEST(SupportChecks, EditsAudioStreamsAndTags)
         {QString(), "no path", nothing, false, true},
         {path, "self subtitle", [&](auto& s) { s.selfSubtitles.append(subtitle); }, false, true},
         {path, "attached audio", [&](auto& s) { s.attachedAudio.append(audio); }, false, true},
-        {path, "attached subtitle", [](auto& s) { s.attachedSubtitle << AttachedSubtitle(); },
-         false, true},
         {path, "cover", [](auto& s) { s.coverPath = "/cover.png"; }, false, true},
         {path, "cut", [&](auto& s) { s.cut.append(cut); }, false, true},
         {path, "speed 1.005", [](auto& s) { s.speed = 1.005f; }, false, true},

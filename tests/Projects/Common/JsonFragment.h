@@ -21,10 +21,9 @@ inline void expectFragment(const QJsonValue& actual, const QJsonValue& expected,
             }
         }
     } else if (expected.isArray()) {
-        const QJsonArray array = expected.toArray();
-        ASSERT_EQ(actual.toArray().size(), array.size()) << qPrintable(at);
-        for (int i = 0; i < array.size(); ++i) {
-            expectFragment(actual.toArray().at(i), array.at(i), at + "/" + QString::number(i));
+        ASSERT_EQ(actual.toArray().size(), expected.toArray().size()) << qPrintable(at);
+        for (int i = 0; i < expected.toArray().size(); ++i) {
+            expectFragment(actual[i], expected[i], at + "/" + QString::number(i));
         }
     } else if (expected.isDouble() && actual.isDouble()) {
         const double e = expected.toDouble();
@@ -34,7 +33,7 @@ inline void expectFragment(const QJsonValue& actual, const QJsonValue& expected,
     }
 }
 
-// `document` holds the object `fragment`; returns the document.
+// `document` (an object or its text) holds the object `fragment`; returns the document.
 inline QJsonObject expectDocument(const QJsonObject& document, const QString& fragment)
 {
     QJsonParseError error;

@@ -22,18 +22,14 @@ TEST(AVFFmpegTask, KeepsItsOwnCopiesStateAndBus)
     EXPECT_TRUE(AVFFmpegTask(source, output).isLossless());
     task.setState(TaskState::Running);
     EXPECT_EQ(task.state(), TaskState::Running);
-    EXPECT_EQ(task.signalBus(), task.signalBus());
-    // A host connects by signature text across threads: the argument types are
-    // known by name once a bus exists, and the bus outlives its task.
+    // Hosts connect by signature text across threads; a bus outlives its task.
     const QSharedPointer<TaskSignalBus> bus = AVFFmpegTask(source, output).signalBus();
     ASSERT_FALSE(bus.isNull());
-    EXPECT_GE(bus->metaObject()->indexOfSignal("taskStateChanged(Korvane::TaskState,int)"), 0);
     EXPECT_TRUE(QMetaType::fromName("Korvane::TaskState").isValid());
     EXPECT_TRUE(QMetaType::fromName("Korvane::TaskProgressType").isValid());
 }
 
-// No other test of this program builds a timeline document: the transform
-// numbers of the first documents of a process start at 0.
+// No other test of this program builds a timeline: a process numbers transforms from 0.
 TEST(TimelineTransformCounter, FirstTwoBuildsOfAProcessTakeZeroThenOne)
 {
     ContainerInfo info{0, {ContainerVideoStream{-1, 25, 1, 0, false, 1280, 720}}, {}};

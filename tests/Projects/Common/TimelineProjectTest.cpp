@@ -1,10 +1,8 @@
-// The timeline project builder fed with media facts made here, so that every
-// branch of the probing rules is reached without real files.
+// The timeline project builder fed with media facts made here, not probed from files.
 #include "Common/TimelineProject.h"
 #include "Common/TimelineProjectBuilder.h"
 
 #include "JsonFragment.h"
-#include "TestMedia.h"
 
 #include <QDir>
 #include <QFile>
@@ -70,26 +68,24 @@ TEST(TimelineProject, PlainClipMusicWithACoverStreamAndUnprobedFile)
              R"("bg_size":"1920,1080","crop":"0,0,1,1","flip_x":false,"flip_y":false,)"
              R"("rotation":0,"scale_x":null,"scale_y":null}}]})");
 
-    // A cover alone gives no frame rate; its size is rounded down to even; only
-    // social output keeps its picture.
+    // A cover alone gives no frame rate, an even size and, but for social output, no picture.
     job.info = {2800, {video(90000, 1, 0, 1401, 1399, true)}, {{-1, 2696}}};
     job.source.selfAudios = {0};
-    for (const auto& [social, disabled] : {std::pair{"TikTok", "false"}, {"tiktok", "true"}}) {
-        job.options = {{"socialType", social}};
-        expectDocument(job, fill(R"({"preview_param":{"video_disabled":%1,"fps":25,"width":1400,)"
-                                 R"("height":1398,"audio_disabled":null},"tracks":[{}],"clips":[)"
-                                 R"({"kind":"audio_with_cover","range_length":2696,)"
-                                 R"("file_audio_stream_index":0}]})",
-                                 disabled));
-    }
+    job.options = {{"socialType", "TikTok"}};
+    expectDocument(
+        job, R"({"preview_param":{"video_disabled":false,"fps":25,"width":1400,)"
+             R"("height":1398,"audio_disabled":null},"tracks":[{}],"clips":[)"
+             R"({"kind":"audio_with_cover","range_length":2696,"file_audio_stream_index":0}]})");
+    job.options.clear();
+    expectDocument(job, R"({"preview_param":{"video_disabled":true}})");
 
     // Without probed audio streams none of the own audio tracks can be served.
     job = Job();
     job.probed = false;
     job.source.selfAudios = {0, 1};
-    expectDocument(job, R"({"preview_param":{"fps":25,"width":640,"height":480,)"
-                        R"("video_disabled":true},"tracks":[{}],"clips":[{"kind":"video_only",)"
-                        R"("range_length":0,"file_audio_stream_index":0}]})");
+    expectDocument(job,
+                   R"({"preview_param":{"width":640},"tracks":[{}],"clips":[{"range_length":0,)"
+                   R"("kind":"video_only","file_audio_stream_index":0}]})");
 }
 
 TEST(TimelineProject, FrameRateCanvasAndDurationComeFromTheRightStream)
@@ -119,9 +115,8 @@ TEST(TimelineProject, FrameRateCanvasAndDurationComeFromTheRightStream)
 
 TEST(TimelineProject, CutsOwnAudioTracksAndAttachedAudio)
 {
-    // Own audio tracks are limited by the file's streams; every cut of every
-    // track starts after the earlier cuts, at the job's speed. The k-th cut of
-    // every attached file starts at the k-th file's offset, or at 0.
+    // Own audio tracks are limited by the file's streams; every cut of every track starts
+    // after the earlier cuts, at the job's speed; attached files' k-th cuts at the k-th offset.
     Job job;
     job.info = hdClip(2);
     job.source.selfAudios = {1, 0, 2};
@@ -138,17 +133,16 @@ TEST(TimelineProject, CutsOwnAudioTracksAndAttachedAudio)
         R"("track_ref":"track_0","stream_index":0,"timeline_pos":0,"range_begin":1000,)"
         R"("range_length":3000,"speed":2,"file_audio_stream_index":1,"subtitles":null,)"
         R"("transform":{"scale_x":0.5,"scale_y":null},"video_filters":[{"name":"Contrast"},)"
-        R"({"anaglyph_type":"Anaglyph Top and Bottom"}]},{"timeline_pos":1500,"range_begin":8000,"range_length":2000,)"
-        R"("video_filters":[{},{}]},{"timeline_pos":2500},{"id":"clip_3","track_ref":"track_1",)"
-        R"("stream_index":1,"kind":"audio","file_audio_stream_index":0,"transform":null,)"
-        R"("video_filters":null},{},{"timeline_pos":2500},{"track_ref":"track_2",)"
+        R"({"anaglyph_type":"Anaglyph Top and Bottom"}]},{"timeline_pos":1500,"range_begin":8000,)"
+        R"("range_length":2000,"video_filters":[{},{}]},{"timeline_pos":2500},{"id":"clip_3",)"
+        R"("track_ref":"track_1","stream_index":1,"kind":"audio","file_audio_stream_index":0,)"
+        R"("transform":null,"video_filters":null},{},{"timeline_pos":2500},{"track_ref":"track_2",)"
         R"("file_path":"/music/a.mp3","file_audio_stream_index":-1,"range_begin":250},)"
         R"({"range_begin":500},{"timeline_pos":2500,"range_begin":0},{"track_ref":"track_3",)"
         R"("range_begin":250},{},{"id":"clip_11","range_begin":0}]})");
     EXPECT_EQ(document["clips"][1]["transform"], document["clips"][0]["transform"]);
 
-    // Without own audio the attached files start on the picture's track. Own
-    // audio the file cannot serve still shifts them past the tracks created.
+    // Attached files start on the picture's track, or past own audio even if it is not served.
     for (const int first : {0, 1}) {
         job = Job();
         job.source.selfAudios = QList<qint32>(first * 2);
@@ -166,9 +160,9 @@ TEST(TimelineProject, FiltersShareOneCounterInTableOrder)
     const QString effect = effects.filePath(QString::fromUtf8("Vieux film ✦"));
     ASSERT_TRUE(QDir().mkpath(effect));
     QFile config(effect + "/config.json");
-    ASSERT_TRUE(config.open(QIODevice::WriteOnly));
-    config.write(
-        R"({"rcc_prefix": ":/fx", "source": "film.qml", "title": "Vieux film ✦", "x": 3})");
+    ASSERT_TRUE(
+        config.open(QIODevice::WriteOnly) &&
+        config.write(R"({"rcc_prefix":":/fx","source":"film.qml","title":"Vieux film ✦"})"));
     config.close();
 
     Job job;
@@ -214,7 +208,6 @@ TEST(TimelineProject, TransformAndZoom)
         // 1.5 is landscape although 1500 div 1000 is 1.
         {turn, {1500, 1000}, hd, 0, "", R"("scale_x":0.5625)"},
         {turn, {1000, 1000}, hd, 0, "", R"("scale_x":1.7777778)"},
-        {{0.25, 0, 0.5, 1, false, false, 90}, hd, hd, 0, "", R"("scale_x":1.125)"},
         {{}, hd, {1280, 720}, 1, R"("zoom":0.6666667,"width":1920,"height":1080)", ""},
         {{}, tall, hd, 2, R"("zoom":0.5625,"width":3413.3333333,"height":1920)", ""},
         {{}, hd, {1280, 720}, 0, R"("zoom":null,"width":1280,"height":720)", ""},
@@ -231,7 +224,7 @@ TEST(TimelineProject, TransformAndZoom)
     }
 }
 
-TEST(TimelineProject, SubtitlesMetaDataAndCover)
+TEST(TimelineProject, SubtitlesMetaDataCoverAnaglyphAndWaterMarksOnAPlainClip)
 {
     // Own streams get no title of their own; attached files their base name.
     Job job;
@@ -242,54 +235,30 @@ TEST(TimelineProject, SubtitlesMetaDataAndCover)
     job.source.metaData = {{"title", QString::fromUtf8("Été")}, {"genre", "12"}, {"track", 7}};
     job.source.coverPath = QString::fromUtf8("/covers/pochette é.png");
     job.source.effectFilter = "Anaglyph Side by Side";
-    job.options = {{"export_mode", false}};
-    expectDocument(
-        job,
-        fill(
-            R"({"clips":[{"transform":{"scale_x":2,"scale_y":null},"video_filters":[)"
-            R"({"anaglyph_type":"Anaglyph Side by Side"}],"subtitles":[{"id":"subtitle_0","display":true,)"
-            R"("embedded_subtitle_stream_index":3,"attached_file_path":"%1",)"
-            R"("attached_offset":0,"title":"English"},{"display":true,"title":""},)"
-            R"({"id":"subtitle_2","embedded_subtitle_stream_index":0,)"
-            R"("attached_file_path":"/subs/Sous-titres.fr.srt","attached_offset":250,)"
-            R"("title":"Sous-titres.fr"},{"title":"Named"}]}],"meta_data":{)"
-            R"("id":"meta_data","title":"Été","genre":"12","track":7},"cover":{)"
-            R"("id":"cover","path":"/covers/pochette é.png"},)"
-            R"("preview_param":{"width":1920}})",
-            job.source.filePath));
-    // Shown only when the job says it is no export.
-    job.options.clear();
-    expectDocument(job, R"({"clips":[{"subtitles":[{},{},{},{"display":false}]}]})");
-}
-
-// A cover picture made by ffmpeg, so that its size comes from a real PNG header.
-TEST(TimelineProject, CoverPicturesAndWaterMarks)
-{
-    const QString cover =
-        TestMedia::generate(QString::fromUtf8("timeline/pochette été.png"),
-                            {"-f", "lavfi", "-i", "color=s=321x243", "-vframes", "1"});
-    ASSERT_FALSE(cover.isEmpty());
-    Job job;
-    job.info = {0, {video(1, 1, 0, 1400, 1400, true)}, {{-1, 2000}}};
-    job.source.coverPath = cover;
-    expectDocument(job, R"({"preview_param":{"width":320},"clips":[{"transform":{)"
-                        R"("bg_size":"320,242"}}]})");
-
-    job = Job();
-    job.info = hdClip(1);
-    job.source.selfAudios = {0};
-    job.source.attachedAudio = {{0, "/music/a.mp3"}};
     job.source.waterMark = {{"/logo.png", QPoint(640, -360), 0.5f, true, false, 270, 0.25f, 1.5f},
                             WaterMarkParam{}};
     job.source.speed = 1.5f;
-    job.source.cut = {{0, 1200}, {4000, 800}};
+    job.options = {{"export_mode", false}};
     expectDocument(
-        job, R"({"tracks":[{},{},{"id":"track_2","type":"track","kind":"effect","z_order":2,)"
-             R"("trunk":false},{"id":"track_3","kind":"effect","z_order":3}],"clips":[{},{},{},)"
-             R"({},{"id":"clip_image_0","type":"image","file_path":"/logo.png",)"
-             R"("track_ref":"track_2","timeline_pos":0,"range_length":2000,"alpha":0.5,)"
-             R"("speed":1.5,"transform":{"id":"transform_image_0","rotation":270,"flip_x":true,)"
-             R"("flip_y":false,"scale_x":0.25,"scale_y":1.5,"center_pos":"640,-360",)"
-             R"("type":null}},{"id":"clip_image_1","track_ref":"track_3","alpha":1,)"
-             R"("transform":{"center_pos":"0,0","scale_y":1}}]})");
+        job,
+        fill(R"({"clips":[{"transform":{"scale_x":2,"scale_y":null},"video_filters":[{)"
+             R"("anaglyph_type":"Anaglyph Side by Side"}],"subtitles":[{"id":"subtitle_0",)"
+             R"("display":true,"embedded_subtitle_stream_index":3,"attached_file_path":"%1",)"
+             R"("attached_offset":0,"title":"English"},{"display":true,"title":""},)"
+             R"({"id":"subtitle_2","embedded_subtitle_stream_index":0,)"
+             R"("attached_file_path":"/subs/Sous-titres.fr.srt","attached_offset":250,)"
+             R"("title":"Sous-titres.fr"},{"title":"Named"}]},{"id":"clip_image_0",)"
+             R"("type":"image","file_path":"/logo.png","track_ref":"track_1","timeline_pos":0,)"
+             R"("range_length":10000,"alpha":0.5,"speed":1.5,"transform":{"type":null,)"
+             R"("id":"transform_image_0","rotation":270,"flip_x":true,"flip_y":false,)"
+             R"("scale_x":0.25,"scale_y":1.5,"center_pos":"640,-360"}},{"id":"clip_image_1",)"
+             R"("track_ref":"track_2","alpha":1,"transform":{"center_pos":"0,0","scale_y":1}}],)"
+             R"("tracks":[{},{"id":"track_1","type":"track","kind":"effect","z_order":2,)"
+             R"("trunk":false},{"id":"track_2","z_order":3}],"meta_data":{"id":"meta_data",)"
+             R"("title":"Été","genre":"12","track":7},"cover":{"id":"cover",)"
+             R"("path":"/covers/pochette é.png"},"preview_param":{"width":1920}})",
+             job.source.filePath));
+    // Shown only when the job says it is no export.
+    job.options.clear();
+    expectDocument(job, R"({"clips":[{"subtitles":[{},{},{},{"display":false}]},{},{}]})");
 }
