@@ -205,6 +205,7 @@ TEST(TimelineProject, TransformAndZoom)
         {turn, hd, {0, 1080}, 0, "", R"("bg_size":"0,1080","scale_x":null,"rotation":90)"},
         {{0, 0, 1, 1, false, false, 270}, hd, hd, 0, "", R"("scale_x":0.5625,"scale_y":0.5625)"},
         {turn, hd, tall, 0, "", R"("scale_x":1.7777778,"scale_y":1.7777778)"},
+        {turn, tall, tall, 0, "", R"("scale_x":0.5625,"scale_y":0.5625)"},
         // 1.5 is landscape although 1500 div 1000 is 1.
         {turn, {1500, 1000}, hd, 0, "", R"("scale_x":0.5625)"},
         {turn, {1000, 1000}, hd, 0, "", R"("scale_x":1.7777778)"},
