@@ -4,7 +4,10 @@
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
 #include <QMap>
+#include <QRegularExpression>
 #include <QSize>
+
+#include <gtest/gtest.h>
 
 // Media facts and jobs made in the tests, so the builders run without files.
 namespace CommandJobs {
@@ -16,7 +19,6 @@ inline QSharedPointer<Korvane::MediaInfoV3> videoInfo(int width, int height,
 {
     auto info = QSharedPointer<Korvane::MediaInfoV3>::create();
     Korvane::MediaInfoVideoStream video;
-    video.index = 0;
     video.codecName = codec;
     video.width = width;
     video.height = height;
@@ -25,10 +27,7 @@ inline QSharedPointer<Korvane::MediaInfoV3> videoInfo(int width, int height,
     video.sarDen = sarDen;
     info->videoStreams << video;
     if (withAudio) {
-        Korvane::MediaInfoAudioStream audio;
-        audio.index = 1;
-        audio.codecName = "aac";
-        info->audioStreams << audio;
+        info->audioStreams << Korvane::MediaInfoAudioStream{};
     }
     return info;
 }
@@ -66,6 +65,81 @@ inline Korvane::WaterMarkParam mark(const QString& path, int centerX, int center
     m.scaleX = scaleX;
     m.scaleY = scaleY;
     return m;
+}
+
+struct Job
+{
+    Korvane::ConvertSource source;
+    Korvane::AVTaskOutputParam param;
+    Korvane::FFmpegCommandFacts facts;
+};
+
+// An h264 1920x1080 input with audio, converted to h264/aac mp4 at 30 fps by a
+// GPU of no known maker, changed by "key=value" pairs between ';'. A mark is
+// centred at 0,0, opaque, at a quarter of its size.
+inline Job job(const QString& changes = {})
+{
+    Job j;
+    j.source.filePath = "/in/my clip.mp4";
+    j.param.outputPath = "/out/result file.mp4";
+    j.param.format = "mp4";
+    j.param.video = {"h264", 1920, 1080, 30.0, 0};
+    j.param.audio.codecName = "aac";
+    j.param.acceleration.gpuName = "Generic Display Adapter";
+    j.facts.info = videoInfo(1920, 1080);
+    j.facts.probe = pictureProbe({{"/wm/wide.png", {200, 100}}, {"/wm/square.png", {100, 100}}});
+    j.facts.hardwareThreads = 8;
+    for (const QString& change : changes.split(';', Qt::SkipEmptyParts)) {
+        const QString key = change.section('=', 0, 0);
+        const QString value = change.section('=', 1);
+        const QStringList numbers = value.split(QRegularExpression("[x,]"));
+        if (key == "gpu") {
+            j.param.acceleration.gpuName = value;
+            j.param.acceleration.hardwareEnabled = true;
+        } else if (key == "hw") {
+            j.param.acceleration.hardwareEnabled = value == "1";
+        } else if (key == "in") {
+            j.facts.info = videoInfo(1920, 1080, value);
+        } else if (key == "noaudio") {
+            j.facts.info = videoInfo(1920, 1080, "h264", 0, 0, 1, false);
+        } else if (key == "novideo") {
+            j.facts.info = audioOnlyInfo();
+        } else if (key == "unprobed") {
+            j.facts.info.reset();
+        } else if (key == "qsvinit") {
+            j.facts.qsvDeviceInitExplicit = true;
+        } else if (key == "threads") {
+            j.facts.hardwareThreads = value.toInt();
+        } else if (key == "vcodec") {
+            j.param.video.codecName = value;
+        } else if (key == "size") {
+            j.param.video.width = numbers.value(0).toInt();
+            j.param.video.height = numbers.value(1).toInt();
+        } else if (key == "fps") {
+            j.param.video.frameRate = value.toDouble();
+        } else if (key == "vkbps") {
+            j.param.video.bitrateKbps = value.toLongLong();
+        } else if (key == "acodec") {
+            j.param.audio.codecName = value;
+        } else if (key == "audio") { // bit rate, sample rate, channels
+            j.param.audio.bitrateKbps = numbers.value(0).toInt();
+            j.param.audio.sampleRate = numbers.value(1).toInt();
+            j.param.audio.channels = numbers.value(2).toInt();
+        } else if (key == "format") {
+            j.param.format = value;
+        } else if (key == "input") {
+            j.source.filePath = value;
+        } else if (key == "output") {
+            j.param.outputPath = value;
+        } else if (key == "marks") {
+            for (const QString& path : value.split(',')) {
+                j.source.waterMark << mark(path, 0, 0, 1.0f, 0.25f, 0.25f);
+            }
+        } else {
+            ADD_FAILURE() << "unknown job key " << key.toStdString();
+        }
+    }
+    return j;
 }
 
 } // namespace CommandJobs

@@ -16,66 +16,21 @@ namespace {
 
 const QString kInjection = "aac -map 0:a -f wav /tmp/x/victim.txt -map 0 -acodec aac";
 
-using Change = std::function<void(ConvertSource&, AVTaskOutputParam&, FFmpegCommandFacts&)>;
-
-QStringList build(const Change& change)
-{
-    ConvertSource source;
-    source.filePath = "/in/my clip.mp4";
-    AVTaskOutputParam param;
-    param.outputPath = "/out/result.mp4";
-    param.format = "mkv";
-    param.video.codecName = "h264";
-    param.video.width = 1280;
-    param.video.height = 720;
-    param.video.frameRate = 25;
-    param.video.bitrateKbps = 3000;
-    param.audio.codecName = "aac";
-    FFmpegCommandFacts facts;
-    facts.info = videoInfo(1920, 1080);
-    facts.probe = pictureProbe({});
-    facts.hardwareThreads = 8;
-    change(source, param, facts);
-    return makeFFmpegCommand(source, param, "/tmp/progress", facts);
-}
-
-void hardware(AVTaskOutputParam& p, const char* gpu)
-{
-    p.acceleration.gpuName = gpu;
-    p.acceleration.hardwareEnabled = true;
-}
-
 } // namespace
 
 TEST(FFmpegArguments, OnlyTheBuildersOwnPairsAreSplit)
 {
-    const Change jobs[] = {
-        [](ConvertSource&, AVTaskOutputParam& p, FFmpegCommandFacts& f) {
-            hardware(p, "Intel(R) UHD Graphics");
-            f.qsvDeviceInitExplicit = true;
-        },
-        [](ConvertSource&, AVTaskOutputParam& p, FFmpegCommandFacts& f) {
-            hardware(p, "NVIDIA T400");
-            p.video.codecName = "h265";
-            f.info = videoInfo(1920, 1080, "h265");
-        },
-        [](ConvertSource&, AVTaskOutputParam& p, FFmpegCommandFacts&) {
-            hardware(p, "NVIDIA T400");
-        },
-        [](ConvertSource&, AVTaskOutputParam& p, FFmpegCommandFacts&) {
-            hardware(p, "");
-            p.audio.codecName = kInjection;
-            p.video.codecName = "h264 -attach /etc/passwd";
-        },
-        [](ConvertSource& s, AVTaskOutputParam& p, FFmpegCommandFacts&) {
-            s.filePath = "/in/-i x -f lavfi.mp4";
-            p.outputPath = "/out/a b -y.mp4";
-            p.format = "no such";
-        },
+    const QString jobs[] = {
+        "gpu=Intel(R) UHD Graphics;qsvinit",
+        "gpu=NVIDIA T400;vcodec=h265;in=h265",
+        "gpu=NVIDIA T400",
+        "gpu=;acodec=" + kInjection + ";vcodec=h264 -attach /etc/passwd",
+        "input=/in/-i x -f lavfi.mp4;output=/out/a b -y.mp4;format=no such",
     };
     QSet<QString> pairsSeen;
-    for (const Change& change : jobs) {
-        const QStringList elements = build(change);
+    for (const QString& changes : jobs) {
+        const Job j = job("format=mkv;size=1280x720;fps=25;vkbps=3000;" + changes);
+        const QStringList elements = makeFFmpegCommand(j.source, j.param, "/tmp/p", j.facts);
         ASSERT_FALSE(elements.isEmpty());
         QStringList expected;
         for (const QString& element : elements) {
@@ -102,7 +57,7 @@ TEST(FFmpegArguments, OnlyTheBuildersOwnPairsAreSplit)
 }
 
 // Lines that the Windows rules (CommandLineToArgvW and the C runtime) split
-// back into the same arguments.
+// back into the same arguments: backslashes are doubled only before a quote.
 TEST(FFmpegArguments, WindowsLine)
 {
     const struct
@@ -110,17 +65,12 @@ TEST(FFmpegArguments, WindowsLine)
         QStringList arguments;
         const char* line;
     } cases[] = {
-        {{"-i", "C:\\My Videos\\clip one.mp4", "-y"}, "-i \"C:\\My Videos\\clip one.mp4\" -y"},
-        {{"C:\\dir\\", "C:\\dir with blank\\", "\\\\server\\share\\x.mp4"},
-         "C:\\dir\\ \"C:\\dir with blank\\\\\" \\\\server\\share\\x.mp4"},
+        {{"-threads", "4", "C:\\dir\\", "C:\\a b\\", "\\\\server\\x.mp4"},
+         "-threads 4 C:\\dir\\ \"C:\\a b\\\\\" \\\\server\\x.mp4"},
         {{"say \"cheese\".mp4", "a\\\"b", "a\\\\\"b", "\"", "\"\""},
          "\"say \\\"cheese\\\".mp4\" \"a\\\\\\\"b\" \"a\\\\\\\\\\\"b\" \"\\\"\" \"\\\"\\\"\""},
-        {{"-leading dash.mp4", "", "tab\there", "new\nline"},
-         "\"-leading dash.mp4\" \"\" \"tab\there\" \"new\nline\""},
-        {{QString::fromUtf8("C:\\Видео\\фильм 1.mp4"), QString::fromUtf8("emoji 🎬.mp4")},
-         "\"C:\\Видео\\фильм 1.mp4\" \"emoji 🎬.mp4\""},
-        {{kInjection, "aac"}, "\"aac -map 0:a -f wav /tmp/x/victim.txt -map 0 -acodec aac\" aac"},
-        {{"-threads", "4", "C:\\a b\\"}, "-threads 4 \"C:\\a b\\\\\""},
+        {{"-leading dash.mp4", "", "tab\there", "new\nline", QString::fromUtf8("фильм 🎬.mp4")},
+         "\"-leading dash.mp4\" \"\" \"tab\there\" \"new\nline\" \"фильм 🎬.mp4\""},
     };
     for (const auto& c : cases) {
         EXPECT_EQ(windowsArgumentLine(c.arguments).toStdString(), c.line);
@@ -135,7 +85,6 @@ TEST(FFmpegArguments, OutputNamesMustBePlain)
         const char* field; // empty: valid
     } cases[] = {
         {[](AVTaskOutputParam&) {}, ""},
-        {[](AVTaskOutputParam& p) { p.audio.codecName = "PCM"; }, ""},
         {[](AVTaskOutputParam& p) { p.format = "3GP"; }, ""},
         {[](AVTaskOutputParam& p) { p.video.codecName = "0"; }, ""},
         {[](AVTaskOutputParam& p) { p.audio.codecName.clear(); }, ""},
@@ -143,7 +92,6 @@ TEST(FFmpegArguments, OutputNamesMustBePlain)
         {[](AVTaskOutputParam& p) { p.video.codecName = "h264\n-y"; }, "video.codecName"},
         {[](AVTaskOutputParam& p) { p.video.codecName = "h26\"4"; }, "video.codecName"},
         {[](AVTaskOutputParam& p) { p.format = "mp4 -f wav"; }, "format"},
-        {[](AVTaskOutputParam& p) { p.audio.codecName = "aac\n"; }, "audio.codecName"},
         {[](AVTaskOutputParam& p) { p.format = "m\u00e4"; }, "format"},
         {[](AVTaskOutputParam& p) { p.video.frameRate = std::nan(""); }, "video.frameRate"},
         {[](AVTaskOutputParam& p) { p.video.frameRate = INFINITY; }, "video.frameRate"},
@@ -156,12 +104,7 @@ TEST(FFmpegArguments, OutputNamesMustBePlain)
         {[](AVTaskOutputParam& p) { p.audio.bitrateKbps = 100'000'001; }, "audio.bitrateKbps"},
     };
     for (const auto& c : cases) {
-        AVTaskOutputParam param;
-        param.outputPath = "/out/result.mp4";
-        param.format = "mp4";
-        param.video.codecName = "h264";
-        param.audio.codecName = "aac";
-        param.video.frameRate = 25;
+        AVTaskOutputParam param = job().param;
         c.change(param);
         const QString problem = invalidOutputField(param);
         EXPECT_EQ(problem.section(' ', 0, 0), QString(c.field)) << problem.toStdString();

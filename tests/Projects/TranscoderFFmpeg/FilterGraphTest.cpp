@@ -106,16 +106,10 @@ TEST(FilterGraph, PictureSteps)
          kD + "pad=1920:1080:240:0", "vpp_qsv=format=qsv,pad=1920:1080:240:0"},
         {"sar widens", in(1440, 1080, 0, 4, 3), kNoCrop, kNoMarks, 1280, 720,
          "scale_cuda=w=1280:h=720", "vpp_qsv=w=1280:h=720"},
-        {"sar 0 is square", in(1440, 1080, 0, 0, 1), kNoCrop, kNoMarks, 1280, 720,
-         kD + "scale=w=960:h=720,pad=1280:720:160:0", "vpp_qsv=w=960:h=720,pad=1280:720:160:0"},
         {"flipY alone", in(1920, 1080), whole(false, true), kNoMarks, 1920, 1080,
          kD + "rotate=0,vflip", "vpp_qsv=format=qsv,rotate=0,vflip"},
-        {"flipX resized", in(1920, 1080), whole(true, false), kNoMarks, 1280, 720,
-         kD + "hflip,scale=w=1280:h=720", "vpp_qsv=w=1280:h=720,hflip"},
         {"both flips", in(1920, 1080), whole(true, true), kNoMarks, 1920, 1080, kD + "hflip,vflip",
          "vpp_qsv=format=qsv,hflip,vflip"},
-        {"rotation 90", in(1920, 1080), whole(false, false, 90), kNoMarks, 1080, 1920,
-         kD + "transpose=1", "vpp_qsv=format=qsv,transpose=1"},
         {"rotation 270 after a flip", in(1920, 1080), whole(true, false, 270), kNoMarks, 1080, 1920,
          kD + "hflip,transpose=2", "vpp_qsv=format=qsv,hflip,transpose=2"},
         {"other rotations", in(1920, 1080), whole(false, false, 45), kNoMarks, 1920, 1080,
@@ -153,8 +147,6 @@ TEST(FilterGraph, PictureSteps)
          "hwdownload,format=nv12", "vpp_qsv=format=qsv,transpose=1"},
         {"stream 270 scaled", in(1920, 1080, 270), kNoCrop, kNoMarks, 720, 1280,
          "scale_cuda=w=720:h=1280", "vpp_qsv=w=1280:h=720,transpose=2"},
-        {"stream 90, full record", in(1920, 1080, 90), whole(), kNoMarks, 720, 1280,
-         "scale_cuda=w=720:h=1280", "vpp_qsv=w=1280:h=720,transpose=1"},
         {"stream 90 + record 90", in(1920, 1080, 90), whole(false, false, 90), kNoMarks, 1920, 1080,
          kD + "transpose=1", "vpp_qsv=format=qsv,transpose=1,transpose=1"},
         {"stream 90 + record 270, same size", in(1920, 1080, 90), whole(false, false, 270),
@@ -236,12 +228,6 @@ TEST(FilterGraph, Watermarks)
          "[0:v]vpp_qsv=w=960:h=540[video];"
          "[1:v]hwupload=extra_hw_frames=10,vpp_qsv=cx=0:cy=0:cw=200:ch=100[mark1];"
          "[video][mark1]overlay_qsv=x=240:y=350:w=720:h=240:alpha=255"},
-        {"alpha truncated", in(1920, 1080), kNoCrop, marks(mark(kSquare, 0, 0, 0.999f, 1, 1)), 1920,
-         1080,
-         "[0:v]hwdownload,format=nv12[video];[1:v]scale=w=1080:h=1080,format=yuva444p,"
-         "colorchannelmixer=aa=0.999[mark1];[video][mark1]overlay=x=420:y=0",
-         "[1:v]hwupload=extra_hw_frames=10[mark1];[0:v][mark1]overlay_qsv=x=420:y=0:w=1080:h=1080:"
-         "alpha=254"},
         {"unprobed mark", in(1920, 1080), whole(true), marks(half, missing), 960, 540, "", ""},
         {"mark without picture", in(1920, 1080), kNoCrop, marks(mark(kNoVideo, 0, 0, 1, 1, 1)), 960,
          540, "", ""},
@@ -268,8 +254,6 @@ TEST(FilterGraph, FailuresAreEmptyAndLogged)
          "imgH invalid: 0", "imgH invalid: 0"},
         {"crop to no width", in(1920, 1080), crop(0, 0, 0.0001, 1), kNoMarks, 1920, 1080,
          "imgW invalid: 0", "imgW invalid: 0"},
-        {"both gone", in(1920, 1080), crop(0, 0, 0, 0), kNoMarks, 1920, 1080, "imgH invalid: 0",
-         "imgH invalid: 0"},
         {"flat mark past the edge", in(1920, 1080), kNoCrop, marks(mark(kSquare, 1000, 0, 1, 0, 0)),
          960, 540, "graph", "marKH invalid: 0"},
     };
@@ -289,9 +273,6 @@ TEST(FilterGraph, FailuresAreEmptyAndLogged)
             EXPECT_EQ(entry.text, expected);
             EXPECT_EQ(entry.function, qsv ? QString("Korvane::makeQsvFilterCommand")
                                           : QString("Korvane::makeCudaFilterCommand"));
-            EXPECT_EQ(entry.file, QString("Projects/TranscoderFFmpeg/FFmpegCommandMaker"));
-            EXPECT_EQ(entry.level, 0);
-            EXPECT_EQ(entry.object, nullptr);
         }
     }
 }
