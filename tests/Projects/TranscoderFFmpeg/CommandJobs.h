@@ -87,7 +87,11 @@ inline Job job(const QString& changes = {})
     j.param.audio.codecName = "aac";
     j.param.acceleration.gpuName = "Generic Display Adapter";
     j.facts.info = videoInfo(1920, 1080);
-    j.facts.probe = pictureProbe({{"/wm/wide.png", {200, 100}}, {"/wm/square.png", {100, 100}}});
+    // A picture wider than 16:9 with the same integer ratio, one without video.
+    j.facts.probe = pictureProbe({{"/wm/wide.png", {200, 100}},
+                                  {"/wm/square.png", {100, 100}},
+                                  {"/wm/190x100.png", {190, 100}},
+                                  {"/wm/novideo.png", {}}});
     j.facts.hardwareThreads = 8;
     for (const QString& change : changes.split(';', Qt::SkipEmptyParts)) {
         const QString key = change.section('=', 0, 0);
@@ -135,6 +139,18 @@ inline Job job(const QString& changes = {})
             for (const QString& path : value.split(',')) {
                 j.source.waterMark << mark(path, 0, 0, 1.0f, 0.25f, 0.25f);
             }
+        } else if (key == "mark") { // path, centre x and y, alpha, scale
+            const QStringList m = value.split(',');
+            const auto n = [&](int i) { return m.value(i).toFloat(); };
+            j.source.waterMark << mark(m[0], int(n(1)), int(n(2)), n(3), n(4), n(4));
+        } else if (key == "picture") { // input width, height, rotation, sample aspect ratio
+            j.facts.info = videoInfo(numbers.value(0).toInt(), numbers.value(1).toInt(), "h264",
+                                     numbers.value(2).toDouble(), numbers.value(3).toInt(),
+                                     numbers.value(4, "1").toInt());
+        } else if (key == "crop") { // x, y, w, h, flip x, flip y, rotation
+            const auto n = [&](int i) { return numbers.value(i).toDouble(); };
+            j.source.crop =
+                Korvane::CropParam{n(0), n(1), n(2), n(3), n(4) != 0, n(5) != 0, int(n(6))};
         } else {
             ADD_FAILURE() << "unknown job key " << key.toStdString();
         }
