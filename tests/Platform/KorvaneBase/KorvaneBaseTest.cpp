@@ -13,10 +13,6 @@
 
 #include <gtest/gtest.h>
 
-#include <memory>
-#include <tuple>
-#include <vector>
-
 #include <unistd.h>
 
 using namespace Korvane;
@@ -33,14 +29,13 @@ TEST(Record, StreamsTextAndIsHandedOverOnce)
         record << " late";
     }
     Record("f", 1, "file", nullptr, 0) << "at the end of the statement";
-    const auto entries = capture.entries();
-    ASSERT_EQ(entries.size(), 2);
-    EXPECT_EQ(entries[0].text, QString::fromUtf8("size 1920x1080 ratio 0.5 é"));
-    EXPECT_EQ(std::make_tuple(entries[0].function, entries[0].line, entries[0].file,
-                              entries[0].object, entries[0].level),
-              std::make_tuple(QString("Korvane::Test::fn"), 42, QString("tests/KorvaneBaseTest"),
-                              static_cast<const QObject*>(&owner), 0));
-    EXPECT_EQ(entries[1].text, "at the end of the statement");
+    ASSERT_EQ(capture.entries().size(), 2);
+    const LogEntry e = capture.entries()[0];
+    EXPECT_EQ(QStringList({e.text, e.function, QString::number(e.line), e.file,
+                           QString::number(e.level), capture.entries()[1].text}),
+              QStringList({QString::fromUtf8("size 1920x1080 ratio 0.5 é"), "Korvane::Test::fn",
+                           "42", "tests/KorvaneBaseTest", "0", "at the end of the statement"}));
+    EXPECT_EQ(e.object, &owner);
 }
 
 // Concurrent writers never interleave lines; the file rotates and keeps a
@@ -53,27 +48,26 @@ TEST(Logger, WholeLinesRotationAndSettingsAsIniText)
     Logger& logger = KorvaneBaseEntry()->logger();
     const QString previous = logger.filePath();
     logger.setFilePath(path);
-    std::vector<std::unique_ptr<QThread>> threads;
+    QList<QThread*> threads;
     for (int t = 0; t < 4; ++t) {
-        threads.emplace_back(QThread::create([t] {
+        threads << QThread::create([t] {
             for (int i = 0; i < 500; ++i) {
                 Record("Korvane::A::b", 7, "Projects/X", nullptr, 0) << "thread " << t << " end";
             }
-        }));
+        });
         threads.back()->start();
     }
-    for (const auto& thread : threads) {
+    for (QThread* thread : threads) {
         thread->wait();
+        delete thread;
     }
     QFile file(path);
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     const QStringList lines = QString::fromUtf8(file.readAll()).split('\n', Qt::SkipEmptyParts);
-    EXPECT_EQ(lines
-                  .filter(QRegularExpression("^\\S+ \\[0\\] Korvane::A::b \\(Projects/X:7\\) "
-                                             "thread \\d end$"))
-                  .size(),
-              2000);
-    EXPECT_EQ(lines.size(), 2000);
+    ASSERT_EQ(lines.size(), 2000);
+    EXPECT_EQ(lines.filter(QRegularExpression(
+                  "^\\S+ \\[0\\] Korvane::A::b \\(Projects/X:7\\) thread \\d end$")),
+              lines);
     const QString chunk(64 * 1024, QLatin1Char('x'));
     for (qint64 i = 0; i <= Logger::rotateBytes() * (Logger::keptFiles() + 2) / chunk.size(); ++i) {
         Record("f", 1, "file", nullptr, 0) << chunk;
@@ -104,7 +98,8 @@ TEST(Logger, WholeLinesRotationAndSettingsAsIniText)
 }
 
 // Setting, then the application's folder, then PATH (an installed host finds
-// the system's programs), then the application's folder again.
+// the system's programs), then the application's folder again. The build links
+// the system's ffmpeg beside the test programs.
 TEST(ProgramLocation, SettingThenApplicationDirectoryThenPath)
 {
     QTemporaryDir pathDir;
@@ -115,16 +110,12 @@ TEST(ProgramLocation, SettingThenApplicationDirectoryThenPath)
     qputenv("PATH", pathDir.path().toUtf8() + ':' + oldPath);
     KorvaneBaseEntry()->settings().setValue("kLocate_Test", "/opt/chosen/tool");
     const QDir appDir(QCoreApplication::applicationDirPath());
-    // The build links the system's ffmpeg beside the test programs.
-    const QString rows[][3] = {
-        {"kLocate_Test", "ffmpeg", "/opt/chosen/tool"},
-        {"kLocate_Unset", "ffmpeg", appDir.filePath("ffmpeg")},
-        {"kLocate_Unset", "korvane-on-path-only", program.fileName()},
-        {"kLocate_Unset", "korvane-nowhere", appDir.filePath("korvane-nowhere")},
-    };
-    for (const auto& row : rows) {
-        EXPECT_EQ(locateProgram(row[0], row[1]), row[2]) << row[1].toStdString();
-    }
+    EXPECT_EQ(QStringList({locateProgram("kLocate_Test", "ffmpeg"),
+                           locateProgram("kLocate_Unset", "ffmpeg"),
+                           locateProgram("kLocate_Unset", "korvane-on-path-only"),
+                           locateProgram("kLocate_Unset", "korvane-nowhere")}),
+              QStringList({"/opt/chosen/tool", appDir.filePath("ffmpeg"), program.fileName(),
+                           appDir.filePath("korvane-nowhere")}));
     KorvaneBaseEntry()->settings().remove("kLocate_Test");
     qputenv("PATH", oldPath);
 }

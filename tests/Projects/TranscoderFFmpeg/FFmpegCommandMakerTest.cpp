@@ -1,14 +1,137 @@
-#include "CommandJobs.h"
-
+// The ffmpeg command, its arguments and filter graphs, built from jobs made in
+// the tests (media facts included), so the builders run without files.
+#include "TranscoderFFmpeg/FFmpegCommandMaker.h"
+#include "Common/OutputRules.h"
 #include "LogCapture.h"
+#include "TranscoderFFmpeg/FFmpegArguments.h"
 #include "TranscoderFFmpeg/FFmpegProgress.h"
+
+#include <QMap>
+#include <QRegularExpression>
+#include <QSize>
 
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <functional>
+
 using namespace Korvane;
-using namespace CommandJobs;
 
 namespace {
+
+// Input facts: the video codec (no video stream when empty) and size, its
+// clockwise rotation and sample aspect ratio; an audio stream when asked.
+QSharedPointer<MediaInfoV3> facts(const QString& codec, int width, int height, bool audio,
+                                  double rotation = 0, int sarNum = 0, int sarDen = 1)
+{
+    auto info = QSharedPointer<MediaInfoV3>::create();
+    if (!codec.isEmpty()) {
+        MediaInfoVideoStream video;
+        video.codecName = codec;
+        video.width = width;
+        video.height = height;
+        video.rotation = rotation;
+        video.sarNum = sarNum;
+        video.sarDen = sarDen;
+        info->videoStreams << video;
+    }
+    if (audio) {
+        info->audioStreams << MediaInfoAudioStream{};
+    }
+    return info;
+}
+
+struct Job
+{
+    ConvertSource source;
+    AVTaskOutputParam param;
+    FFmpegCommandFacts facts;
+};
+
+// An h264 1920x1080 input with audio, converted to h264/aac mp4 at 30 fps by a
+// GPU of no known maker, changed by "key=value" pairs between ';'.
+Job job(const QString& changes = {})
+{
+    Job j;
+    j.source.filePath = "/in/my clip.mp4";
+    j.param.outputPath = "/out/result file.mp4";
+    j.param.format = "mp4";
+    j.param.video = {"h264", 1920, 1080, 30.0, 0};
+    j.param.audio.codecName = "aac";
+    j.param.acceleration.gpuName = "Generic Display Adapter";
+    j.facts.info = facts("h264", 1920, 1080, true);
+    // Only these marks can be probed: one wider than 16:9 with the same
+    // integer ratio, one without video.
+    j.facts.probe = [](const QString& path) -> QSharedPointer<MediaInfoV3> {
+        const QMap<QString, QSize> marks{{"/wm/wide.png", {200, 100}},
+                                         {"/wm/square.png", {100, 100}},
+                                         {"/wm/banner.png", {190, 100}},
+                                         {"/wm/novideo.png", {}}};
+        const QSize size = marks.value(path);
+        return marks.contains(path)
+                   ? facts(size.isEmpty() ? "" : "png", size.width(), size.height(), false)
+                   : nullptr;
+    };
+    j.facts.hardwareThreads = 8;
+    for (const QString& change : changes.split(';', Qt::SkipEmptyParts)) {
+        const QString key = change.section('=', 0, 0);
+        const QString value = change.section('=', 1);
+        const QStringList numbers = value.split(QRegularExpression("[x,]"));
+        const auto n = [&](int i) { return numbers.value(i).toDouble(); };
+        if (key == "gpu") {
+            j.param.acceleration.gpuName = value;
+            j.param.acceleration.hardwareEnabled = true;
+        } else if (key == "hw") {
+            j.param.acceleration.hardwareEnabled = value == "1";
+        } else if (key == "in") {
+            j.facts.info = facts(value, 1920, 1080, true);
+        } else if (key == "silent") {
+            j.facts.info->audioStreams.clear();
+        } else if (key == "unprobed") {
+            j.facts.info.reset();
+        } else if (key == "qsvinit") {
+            j.facts.qsvDeviceInitExplicit = true;
+        } else if (key == "threads") {
+            j.facts.hardwareThreads = value.toInt();
+        } else if (key == "vcodec") {
+            j.param.video.codecName = value;
+        } else if (key == "size") {
+            j.param.video.width = int(n(0));
+            j.param.video.height = int(n(1));
+        } else if (key == "fps") {
+            j.param.video.frameRate = value.toDouble();
+        } else if (key == "vkbps") {
+            j.param.video.bitrateKbps = value.toLongLong();
+        } else if (key == "acodec") {
+            j.param.audio.codecName = value;
+        } else if (key == "audio") { // bit rate, sample rate, channels
+            j.param.audio.bitrateKbps = int(n(0));
+            j.param.audio.sampleRate = int(n(1));
+            j.param.audio.channels = int(n(2));
+        } else if (key == "format") {
+            j.param.format = value;
+        } else if (key == "input") {
+            j.source.filePath = value;
+        } else if (key == "output") {
+            j.param.outputPath = value;
+        } else if (key == "mark") { // path, centre x and y, alpha, scale
+            WaterMarkParam mark;
+            mark.filePath = numbers[0];
+            mark.centerPos = QPoint(int(n(1)), int(n(2)));
+            mark.alpha = float(n(3));
+            mark.scaleX = mark.scaleY = float(n(4));
+            j.source.waterMark << mark;
+        } else if (key == "picture") { // input width, height, rotation, sample aspect ratio
+            j.facts.info = facts("h264", int(n(0)), int(n(1)), true, n(2), int(n(3)),
+                                 numbers.size() > 4 ? int(n(4)) : 1);
+        } else if (key == "crop") { // x, y, w, h, flip x, flip y, rotation
+            j.source.crop = CropParam{n(0), n(1), n(2), n(3), n(4) != 0, n(5) != 0, int(n(6))};
+        } else {
+            ADD_FAILURE() << "unknown job key " << key.toStdString();
+        }
+    }
+    return j;
+}
 
 const QString kProgress = "/tmp/run 1/progress.txt";
 
@@ -18,6 +141,31 @@ QString build(const Job& j)
     return makeFFmpegCommand(j.source, j.param, kProgress, j.facts).join('|');
 }
 
+const QString kInjection = "aac -map 0:a -f wav /tmp/x/victim.txt -map 0 -acodec aac";
+
+const QString kD = "hwdownload,format=nv12,";
+
+struct Row
+{
+    QString changes;
+    QString cuda;
+    QString qsv;
+};
+
+QString graph(const QString& changes, bool qsv)
+{
+    const Job j = job(changes);
+    return qsv ? makeQsvFilterCommand(j.source, j.param.video, j.facts.info, j.facts.probe)
+               : makeCudaFilterCommand(j.source, j.param.video, j.facts.info, j.facts.probe);
+}
+
+void expectGraphs(const Row& r)
+{
+    EXPECT_EQ(graph(r.changes, false).toStdString(), r.cuda.toStdString())
+        << r.changes.toStdString();
+    EXPECT_EQ(graph(r.changes, true).toStdString(), r.qsv.toStdString()) << r.changes.toStdString();
+}
+
 } // namespace
 
 TEST(FFmpegCommand, WholeCommands)
@@ -25,16 +173,18 @@ TEST(FFmpegCommand, WholeCommands)
     EXPECT_EQ(build(job()).toStdString(),
               "-v error|-progress|\"/tmp/run 1/progress.txt\"|-y|-threads 4|-i|\"/in/my clip.mp4\"|"
               "-acodec|aac|-vcodec|h264|-r|30|-g 15|-crf 21|-f|mp4|\"/out/result file.mp4\"");
-    EXPECT_EQ(build(job("gpu=NVIDIA GeForce RTX 3060;in=h265;format=MKV;vcodec=H265;size=1280x720;"
-                        "vkbps=4000;fps=29.97;audio=192,48000,2;threads=7;marks=/wm/square.png"))
-                  .toStdString(),
-              "-v error|-progress|\"/tmp/run 1/progress.txt\"|-y|-hwaccel cuvid|-c:v hevc_cuvid|"
-              "-threads 4|-i|\"/in/my clip.mp4\"|-i|\"/wm/square.png\"|-acodec|aac|-ab|192k|-ar|"
-              "48000|-ac|2|-vtag hvc1|-vcodec|hevc_nvenc|-lavfi|\"[0:v]scale_cuda=w=1280:h=720,"
-              "hwdownload,format=nv12[video];[1:v]scale=w=180:h=180,format=yuva444p,"
-              "colorchannelmixer=aa=1[mark1];[video][mark1]overlay=x=550:y=270\"|-vb|4000k|"
-              "-minrate 4000k|-maxrate 4000k|-bufsize 8000k|-vsync 1|-r|29.97|-g 15|-crf 26|-f|"
-              "matroska|\"/out/result file.mp4\"");
+    EXPECT_EQ(
+        build(
+            job("gpu=NVIDIA GeForce RTX 3060;in=h265;format=MKV;vcodec=H265;size=1280x720;"
+                "vkbps=4000;fps=29.97;audio=192,48000,2;threads=7;mark=/wm/square.png,0,0,1,0.25"))
+            .toStdString(),
+        "-v error|-progress|\"/tmp/run 1/progress.txt\"|-y|-hwaccel cuvid|-c:v hevc_cuvid|"
+        "-threads 4|-i|\"/in/my clip.mp4\"|-i|\"/wm/square.png\"|-acodec|aac|-ab|192k|-ar|"
+        "48000|-ac|2|-vtag hvc1|-vcodec|hevc_nvenc|-lavfi|\"[0:v]scale_cuda=w=1280:h=720,"
+        "hwdownload,format=nv12[video];[1:v]scale=w=180:h=180,format=yuva444p,"
+        "colorchannelmixer=aa=1[mark1];[video][mark1]overlay=x=550:y=270\"|-vb|4000k|"
+        "-minrate 4000k|-maxrate 4000k|-bufsize 8000k|-vsync 1|-r|29.97|-g 15|-crf 26|-f|"
+        "matroska|\"/out/result file.mp4\"");
 }
 
 // `present` holds runs of consecutive elements ('|' between elements, '#'
@@ -48,7 +198,7 @@ TEST(FFmpegCommand, Options)
         const char* absent;
     } cases[] = {
         {"acodec=;audio=128,44100,2", "-an", "-acodec|-ab|-ar|-ac"},
-        {"noaudio", "-threads 4|-i|\"/in/my clip.mp4\"|-an|-vcodec", "-acodec"},
+        {"silent", "-threads 4|-i|\"/in/my clip.mp4\"|-an|-vcodec", "-acodec"},
         {"acodec=PCM", "-acodec|pcm_s16le", "-an"},
         {"acodec=adpcm", "-acodec|adpcm_ima_wav", ""},
         // Codec 0 names no codec but keeps the numbers.
@@ -80,10 +230,10 @@ TEST(FFmpegCommand, Options)
         {"gpu=Intel;hw=0", "-vcodec|h264_qsv|-r", "-lavfi"},
         {"gpu=NVIDIA;hw=0;size=0x1080", "-bf 0|-r", "-lavfi"},
         {"gpu=Intel;hw=0;size=1280x0", "-vcodec|h264_qsv|-r", "-lavfi"},
-        {"gpu=NVIDIA;hw=0;marks=/wm/missing.png", "-bf 0|-r", "-lavfi"},
+        {"gpu=NVIDIA;hw=0;mark=/wm/missing.png,0,0,1,1", "-bf 0|-r", "-lavfi"},
         {"vcodec=", "-acodec|aac|-vn|-g 15|-crf 26", "-vcodec|-r"},
-        {"novideo", "-vn|-g 15|-crf 21", "-vcodec"},
-        {"marks=/wm/wide.png,/wm/square.png",
+        {"in=", "-vn|-g 15|-crf 21", "-vcodec"},
+        {"mark=/wm/wide.png,0,0,1,1;mark=/wm/square.png,5,5,0.5,1",
          "-threads 4|-i|\"/in/my clip.mp4\"|-i|\"/wm/wide.png\"|-i|\"/wm/square.png\"|-acodec", ""},
         {"format=no-such", "-f||\"/out/result file.mp4\"", ""},
         {"size=3840x2160", "-g 15|-crf 23", ""},
@@ -94,12 +244,9 @@ TEST(FFmpegCommand, Options)
         {"format=mkv;vcodec=mpeg4", "-vcodec|mpeg4|-r|30|-g 15", ""},
         {"fps=59.94005994", "-vcodec|h264|-r|59.9401|-g 15", ""},
         {"format=mov;fps=23.976023976", "-vcodec|h264|-r|23.976|-g 15", ""},
-        {"fps=12.5", "-vcodec|h264|-r|12.5|-g 15", ""},
         // Half the hardware threads, rounded up.
         {"threads=1", "-y|-threads 1|-i", ""},
-        {"threads=2", "-y|-threads 1|-i", ""},
         {"threads=3", "-y|-threads 2|-i", ""},
-        {"threads=16", "-y|-threads 8|-i", ""},
     };
     for (const auto& c : cases) {
         const QString args = '|' + build(job(c.changes)) + '|';
@@ -124,7 +271,7 @@ TEST(FFmpegCommand, RefusedCommandsAreEmpty)
     } cases[] = {
         {"unprobed", "/tmp/p.txt", false},
         {"input=/in/a\" -i /etc/passwd \".mp4", "/tmp/p.txt", true},
-        {"marks=/wm/\"logo.png", "/tmp/p.txt", true},
+        {"mark=/wm/\"logo.png,0,0,1,1", "/tmp/p.txt", true},
         {"output=/out/x\".mp4", "/tmp/p.txt", true},
         {"", "/tmp/\"p.txt", true},
     };
@@ -215,4 +362,256 @@ TEST(FFmpegProgress, Lines)
     qInstallMessageHandler(previous);
     // Ten hours of source: the microsecond count no longer fits a float exactly.
     EXPECT_NEAR(parseProgressLine("out_time_us=18000000000", 36000000), 0.5, 1e-6);
+}
+
+TEST(FFmpegArguments, OnlyTheBuildersOwnPairsAreSplit)
+{
+    const QString jobs[] = {
+        "gpu=Intel(R) UHD Graphics;qsvinit",
+        "gpu=NVIDIA T400;vcodec=h265;in=h265",
+        "gpu=NVIDIA T400",
+        "gpu=;acodec=" + kInjection + ";vcodec=h264 -attach /etc/passwd",
+        "input=/in/-i x -f lavfi.mp4;output=/out/a b -y.mp4;format=no such",
+    };
+    QSet<QString> pairsSeen;
+    for (const QString& changes : jobs) {
+        const Job j = job("format=mkv;size=1280x720;fps=25;vkbps=3000;" + changes);
+        const QStringList elements = makeFFmpegCommand(j.source, j.param, "/tmp/p", j.facts);
+        ASSERT_FALSE(elements.isEmpty());
+        QStringList expected;
+        for (const QString& element : elements) {
+            const bool quoted = element.startsWith('"') && element.endsWith('"');
+            // Whatever else holds a blank is a job value and stays whole.
+            const bool builderText = !quoted && element.startsWith('-') && element.contains(' ');
+            EXPECT_EQ(isPairedElement(element), builderText) << element.toStdString();
+            if (builderText) {
+                pairsSeen << element.section(' ', 0, 0);
+            }
+            expected << (builderText
+                             ? element.split(' ')
+                             : QStringList{quoted ? element.mid(1, element.size() - 2) : element});
+        }
+        EXPECT_EQ(ffmpegProgramArguments(elements), expected);
+    }
+    EXPECT_EQ(pairsSeen,
+              (QSet<QString>{"-v", "-init_hw_device", "-hwaccel", "-c:v", "-threads", "-vtag",
+                             "-bf", "-minrate", "-maxrate", "-bufsize", "-vsync", "-g", "-crf"}));
+    for (const char* lookalike :
+         {"-threads 4 -i x", "-crf x", "-hwaccel qsv ", "-g 15\n", "-v  error", "-bf 00 -y"}) {
+        EXPECT_FALSE(isPairedElement(QString::fromUtf8(lookalike))) << lookalike;
+    }
+}
+
+// Lines that the Windows rules (CommandLineToArgvW and the C runtime) split
+// back into the same arguments: backslashes are doubled only before a quote.
+TEST(FFmpegArguments, WindowsLine)
+{
+    const struct
+    {
+        QStringList arguments;
+        const char* line;
+    } cases[] = {
+        {{"-threads", "4", "C:\\dir\\", "C:\\a b\\", "\\\\server\\x.mp4"},
+         "-threads 4 C:\\dir\\ \"C:\\a b\\\\\" \\\\server\\x.mp4"},
+        {{"say \"cheese\".mp4", "a\\\"b", "a\\\\\"b", "\"", "\"\""},
+         "\"say \\\"cheese\\\".mp4\" \"a\\\\\\\"b\" \"a\\\\\\\\\\\"b\" \"\\\"\" \"\\\"\\\"\""},
+        {{"-leading dash.mp4", "", "tab\there", "new\nline", QString::fromUtf8("фильм 🎬.mp4")},
+         "\"-leading dash.mp4\" \"\" \"tab\there\" \"new\nline\" \"фильм 🎬.mp4\""},
+    };
+    for (const auto& c : cases) {
+        EXPECT_EQ(windowsArgumentLine(c.arguments).toStdString(), c.line);
+    }
+}
+
+TEST(FFmpegArguments, OutputNamesMustBePlain)
+{
+    const struct
+    {
+        std::function<void(AVTaskOutputParam&)> change;
+        const char* field; // empty: valid
+    } cases[] = {
+        {[](AVTaskOutputParam&) {}, ""},
+        {[](AVTaskOutputParam& p) { p.format = "3GP"; }, ""},
+        {[](AVTaskOutputParam& p) { p.video.codecName = "0"; }, ""},
+        {[](AVTaskOutputParam& p) { p.audio.codecName.clear(); }, ""},
+        {[](AVTaskOutputParam& p) { p.audio.codecName = kInjection; }, "audio.codecName"},
+        {[](AVTaskOutputParam& p) { p.video.codecName = "h264\n-y"; }, "video.codecName"},
+        {[](AVTaskOutputParam& p) { p.video.codecName = "h26\"4"; }, "video.codecName"},
+        {[](AVTaskOutputParam& p) { p.format = "mp4 -f wav"; }, "format"},
+        {[](AVTaskOutputParam& p) { p.format = "m\u00e4"; }, "format"},
+        {[](AVTaskOutputParam& p) { p.video.frameRate = std::nan(""); }, "video.frameRate"},
+        {[](AVTaskOutputParam& p) { p.video.frameRate = INFINITY; }, "video.frameRate"},
+        {[](AVTaskOutputParam& p) { p.outputPath = "-dump.mp4"; }, "outputPath"},
+        {[](AVTaskOutputParam& p) { p.outputPath = "out/-dump.mp4"; }, ""},
+        {[](AVTaskOutputParam& p) { p.video.bitrateKbps = 100'000'000; }, ""},
+        // Found by fuzzing: the doubled bit rate overflowed into a negative -bufsize.
+        {[](AVTaskOutputParam& p) { p.video.bitrateKbps = 6980815683758121184; },
+         "video.bitrateKbps"},
+        {[](AVTaskOutputParam& p) { p.audio.bitrateKbps = 100'000'001; }, "audio.bitrateKbps"},
+    };
+    for (const auto& c : cases) {
+        AVTaskOutputParam param = job().param;
+        c.change(param);
+        const QString problem = invalidOutputField(param);
+        EXPECT_EQ(problem.section(' ', 0, 0), QString(c.field)) << problem.toStdString();
+    }
+}
+
+// The CUDA and QSV filter graphs side by side: one row, one job, both texts.
+
+TEST(FilterGraph, PictureSteps)
+{
+    const Row rows[] = {
+        {"size=1920x1080", "hwdownload,format=nv12", ""},
+        {"size=1920x1080;crop=0,0,1,1", "hwdownload,format=nv12", ""},
+        {"size=1280x720", "scale_cuda=w=1280:h=720", "vpp_qsv=w=1280:h=720"},
+        {"size=0x1080", kD + "scale=w=0:h=0,pad=0:1080:0:540", "vpp_qsv=w=0:h=0,pad=0:1080:0:540"},
+        // Shapes within a thousandth count as the same.
+        {"size=1366x768", "scale_cuda=w=1366:h=768", "vpp_qsv=w=1365:h=768,pad=1366:768:0:0"},
+        {"size=1360x768", kD + "scale=w=1360:h=765,pad=1360:768:0:1",
+         "vpp_qsv=w=1360:h=765,pad=1360:768:0:1"},
+        {"picture=1440,1080;size=1280x720", kD + "scale=w=960:h=720,pad=1280:720:160:0",
+         "vpp_qsv=w=960:h=720,pad=1280:720:160:0"},
+        {"picture=1440,1080;size=1920x1080", kD + "pad=1920:1080:240:0",
+         "vpp_qsv=format=qsv,pad=1920:1080:240:0"},
+        {"picture=1440,1080,0,4,3;size=1280x720", "scale_cuda=w=1280:h=720",
+         "vpp_qsv=w=1280:h=720"},
+        {"size=1920x1080;crop=0,0,1,1,0,1", kD + "rotate=0,vflip",
+         "vpp_qsv=format=qsv,rotate=0,vflip"},
+        {"size=1920x1080;crop=0,0,1,1,1,1", kD + "hflip,vflip", "vpp_qsv=format=qsv,hflip,vflip"},
+        {"size=1080x1920;crop=0,0,1,1,1,0,270", kD + "hflip,transpose=2",
+         "vpp_qsv=format=qsv,hflip,transpose=2"},
+        {"size=1920x1080;crop=0,0,1,1,0,0,45", "hwdownload,format=nv12", ""},
+        {"size=1280x720;crop=0,0,1,1,0,0,180", kD + "transpose=1,transpose=1,scale=w=1280:h=720",
+         "vpp_qsv=w=1280:h=720,transpose=1,transpose=1"},
+        {"size=1920x1080;crop=0,0,1,1,0,0,90",
+         kD + "transpose=1,scale=w=607:h=1080,pad=1920:1080:656:0",
+         "vpp_qsv=w=1080:h=607,transpose=1,pad=1920:1080:656:0"},
+        {"size=960x540;crop=0.25,0.25,0.5,0.5", kD + "crop=x=480:y=270:w=960:h=540",
+         "vpp_qsv=cx=480:cy=270:cw=960:ch=540"},
+        {"size=1920x1080;crop=0.25,0.25,0.5,0.5",
+         kD + "crop=x=480:y=270:w=960:h=540,scale=w=1920:h=1080",
+         "vpp_qsv=cx=480:cy=270:cw=960:ch=540:w=1920:h=1080"},
+        {"size=1920x1080;crop=0,0,0.5,1,0,1",
+         kD + "crop=x=0:y=0:w=960:h=1080,rotate=0,vflip,pad=1920:1080:480:0",
+         "vpp_qsv=cx=0:cy=0:cw=960:ch=1080,rotate=0,vflip,pad=1920:1080:480:0"},
+        {"picture=1440,1080,0,4,3;size=720x1080;crop=0,0,0.5,1", kD + "crop=x=0:y=0:w=720:h=1080",
+         "vpp_qsv=cx=0:cy=0:cw=720:ch=1080"},
+        // Turned streams: the crop is in the stored picture's axes.
+        {"picture=1920,1080,90;size=540x960;crop=0.1,0.2,0.5,0.5",
+         kD + "crop=x=108:y=384:w=540:h=960", "vpp_qsv=cx=384:cy=648:cw=960:ch=540,transpose=1"},
+        {"picture=1920,1080,180;size=1920x1080;crop=0.25,0.25,0.5,0.5",
+         kD + "crop=x=480:y=270:w=960:h=540,scale=w=1920:h=1080",
+         "vpp_qsv=format=qsv,transpose=1,transpose=1"},
+        {"picture=1920,1080,270;size=540x960;crop=0.1,0.2,0.5,0.5",
+         kD + "crop=x=192:y=216:w=960:h=540,scale=w=540:h=303,pad=540:960:0:328",
+         "vpp_qsv=w=960:h=540,transpose=2"},
+        {"picture=1920,1080,90;size=1080x1920", "hwdownload,format=nv12",
+         "vpp_qsv=format=qsv,transpose=1"},
+        {"picture=1920,1080,270;size=720x1280", "scale_cuda=w=720:h=1280",
+         "vpp_qsv=w=1280:h=720,transpose=2"},
+        {"picture=1920,1080,90;size=1920x1080;crop=0,0,1,1,0,0,90", kD + "transpose=1",
+         "vpp_qsv=format=qsv,transpose=1,transpose=1"},
+        {"picture=1920,1080,90;size=1920x1080;crop=0,0,1,1,0,0,270", kD + "transpose=2", ""},
+    };
+    for (const Row& r : rows) {
+        expectGraphs(r);
+    }
+}
+
+// Marks are sized against the output; a mark past an edge is cut on QSV.
+TEST(FilterGraph, Watermarks)
+{
+    const QString half = "mark=/wm/wide.png,100,50,0.5,0.5";
+    const QString cudaVideo = "[0:v]scale_cuda=w=960:h=540,hwdownload,format=nv12[video];";
+    const QString cudaHalf = "[1:v]scale=w=480:h=240,format=yuva444p,colorchannelmixer=aa=";
+    const QString qsvVideo = "[0:v]vpp_qsv=w=960:h=540[video];[1:v]hwupload=extra_hw_frames=10";
+    const Row rows[] = {
+        {"size=960x540;" + half,
+         cudaVideo + cudaHalf + "0.5[mark1];[video][mark1]overlay=x=290:y=125",
+         qsvVideo + "[mark1];[video][mark1]overlay_qsv=x=290:y=125:w=480:h=240:alpha=127"},
+        {"size=960x540;" + half + ";mark=/wm/square.png,-200,-100,1,0.25",
+         cudaVideo + cudaHalf +
+             "0.5[mark1];[video][mark1]overlay=x=290:y=125[out1];[2:v]scale=w=135:"
+             "h=135,format=yuva444p,colorchannelmixer=aa=1[mark2];[out1][mark2]"
+             "overlay=x=313:y=253",
+         qsvVideo +
+             "[mark1];[video][mark1]overlay_qsv=x=290:y=125:w=480:h=240:alpha=127[out1];[2:v]"
+             "hwupload=extra_hw_frames=10[mark2];[out1][mark2]overlay_qsv=x=313:y=253:w=135:"
+             "h=135:alpha=255"},
+        {"size=1920x1080;mark=/wm/wide.png,0,0,1,0.5",
+         "[0:v]hwdownload,format=nv12[video];[1:v]scale=w=960:h=480,format=yuva444p,"
+         "colorchannelmixer=aa=1[mark1];[video][mark1]overlay=x=480:y=300",
+         "[1:v]hwupload=extra_hw_frames=10[mark1];[0:v][mark1]overlay_qsv=x=480:y=300:w=960:h=480:"
+         "alpha=255"},
+        {"size=1080x1080;mark=/wm/square.png,0,0,1,0.25",
+         "[0:v]hwdownload,format=nv12,scale=w=1080:h=607,pad=1080:1080:0:236[video];[1:v]scale=w="
+         "151:h=151,format=yuva444p,colorchannelmixer=aa=1[mark1];[video][mark1]overlay=x=465:y="
+         "465",
+         "[0:v]vpp_qsv=w=1080:h=607,pad=1080:1080:0:236,hwupload=extra_hw_frames=10[video];[1:v]"
+         "hwupload=extra_hw_frames=10[mark1];[video][mark1]overlay_qsv=x=465:y=465:w=151:h=151:"
+         "alpha=255"},
+        {"size=1920x1080;mark=/wm/banner.png,0,0,1,0.5",
+         "[0:v]hwdownload,format=nv12[video];[1:v]scale=w=1026:h=540,format=yuva444p,"
+         "colorchannelmixer=aa=1[mark1];[video][mark1]overlay=x=447:y=270",
+         "[1:v]hwupload=extra_hw_frames=10[mark1];[0:v][mark1]overlay_qsv=x=447:y=270:w=1026:h=540:"
+         "alpha=255"},
+        {"picture=1080,1920;size=1080x1920;mark=/wm/wide.png,10,20,0.25,0.5",
+         "[0:v]hwdownload,format=nv12[video];[1:v]scale=w=540:h=270,format=yuva444p,"
+         "colorchannelmixer=aa=0.25[mark1];[video][mark1]overlay=x=280:y=805",
+         "[1:v]hwupload=extra_hw_frames=10[mark1];[0:v][mark1]overlay_qsv=x=280:y=805:w=540:h=270:"
+         "alpha=63"},
+        {"size=960x540;mark=/wm/wide.png,600,0,1,0.5",
+         cudaVideo + cudaHalf + "1[mark1];[video][mark1]overlay=x=540:y=150",
+         qsvVideo + ",vpp_qsv=cx=0:cy=0:cw=175:ch=100[mark1];[video][mark1]overlay_qsv=x=540:y=150:"
+                    "w=420:h=240:alpha=255"},
+        // Touching the right edge is not past it: nothing is cut.
+        {"size=960x540;mark=/wm/wide.png,480,0,1,0.5",
+         cudaVideo + cudaHalf + "1[mark1];[video][mark1]overlay=x=480:y=150",
+         qsvVideo + "[mark1];[video][mark1]overlay_qsv=x=480:y=150:w=480:h=240:alpha=255"},
+        {"size=960x540;mark=/wm/wide.png,0,-400,1,0.5",
+         cudaVideo + cudaHalf + "1[mark1];[video][mark1]overlay=x=240:y=350",
+         qsvVideo + ",vpp_qsv=cx=0:cy=0:cw=200:ch=100[mark1];[video][mark1]overlay_qsv=x=240:y=350:"
+                    "w=720:h=240:alpha=255"},
+    };
+    for (const Row& r : rows) {
+        expectGraphs(r);
+    }
+}
+
+// A graph that cannot be made is empty; a bad size says so in the log. The
+// cuda/qsv fields hold the log text: "" for nothing, "graph" when one is made.
+TEST(FilterGraph, FailuresAreEmptyAndLogged)
+{
+    const Row rows[] = {
+        {"unprobed;size=1920x1080", "", ""},
+        {"in=;size=1920x1080", "", ""},
+        {"size=960x540;crop=0,0,1,1,1;mark=/wm/wide.png,100,50,0.5,0.5;mark=/wm/"
+         "missing.png,0,0,1,1",
+         "", ""},
+        {"size=960x540;mark=/wm/novideo.png,0,0,1,1", "", ""},
+        {"size=1920x0", "size invalid: 0 1920 1080", "size invalid: 0 1920 1080"},
+        {"picture=0,1080;size=1920x1080", "size invalid: 1080 0 1080", "size invalid: 1080 0 1080"},
+        {"picture=1920,0;size=1920x1080", "size invalid: 1080 1920 0", "size invalid: 1080 1920 0"},
+        {"size=1920x1080;crop=0,0,1,0.0001", "imgH invalid: 0", "imgH invalid: 0"},
+        {"size=1920x1080;crop=0,0,0.0001,1", "imgW invalid: 0", "imgW invalid: 0"},
+        {"size=960x540;mark=/wm/square.png,1000,0,1,0", "graph", "marKH invalid: 0"},
+    };
+    for (const Row& r : rows) {
+        for (const bool qsv : {false, true}) {
+            const QString expected = qsv ? r.qsv : r.cuda;
+            LogCapture log;
+            const QString made = graph(r.changes, qsv);
+            SCOPED_TRACE(r.changes.toStdString() + (qsv ? " (qsv)" : " (cuda)"));
+            EXPECT_EQ(made.isEmpty(), expected != "graph") << made.toStdString();
+            const bool logged = !expected.isEmpty() && expected != "graph";
+            ASSERT_EQ(log.entries().size(), logged ? 1 : 0);
+            if (logged) {
+                EXPECT_EQ(log.entries().first().text, expected);
+                EXPECT_EQ(log.entries().first().function,
+                          qsv ? QString("Korvane::makeQsvFilterCommand")
+                              : QString("Korvane::makeCudaFilterCommand"));
+            }
+        }
+    }
 }
