@@ -58,18 +58,17 @@ TEST(GpuDetection, AutoPrefersNvidiaThenIntelAndNeverAnotherMaker)
     }
 }
 
+// The stored value as the settings file spells it; absent means no.
 TEST(QsvDeviceSwitch, FollowsTheStoredValueAndAbsentMeansNo)
 {
     Settings& settings = KorvaneBaseEntry()->settings();
-    const QList<QPair<QVariant, bool>> cases{{true, true},   {"1", true},  {"true", true},
-                                             {false, false}, {"0", false}, {QVariant(), false}};
-    for (const auto& [stored, expected] : cases) {
-        if (stored.isValid()) {
-            settings.setValue("kQsv_InitDevice_Explicit", stored);
-        } else {
+    for (const auto& [stored, expected] :
+         {std::pair{"1", true}, {"true", true}, {"0", false}, {"", false}}) {
+        settings.setValue("kQsv_InitDevice_Explicit", stored);
+        if (!*stored) {
             settings.remove("kQsv_InitDevice_Explicit");
         }
         EXPECT_EQ(KorvaneGPUHardwareAccelerationEntry()->qsvDeviceInitExplicit(), expected)
-            << stored.toString().toStdString();
+            << stored;
     }
 }
