@@ -51,8 +51,9 @@ TEST(KvMediaInfo, FactsOfGeneratedFiles)
                                     v.rotation, v.sar(), c.displayWidth, c.displayHeight,
                                     int(info->audioStreams.size())),
                   expected);
-        EXPECT_EQ(QList<qint64>({v.width, v.height, c.frameRateNum, c.frameRateDen}),
-                  QList<qint64>({320, 240, 25, 1}));
+        EXPECT_EQ(QList<qint64>({v.width, v.height, c.frameRateNum, c.frameRateDen,
+                                 plain->videoStreams.value(0).durationMs}),
+                  QList<qint64>({320, 240, 25, 1, 0}));
         // 2 s with sound, 1 s without; durations of streams only on request.
         const bool sound = info->audioStreams.size() == 1;
         EXPECT_NEAR(info->durationMs, path.endsWith(".h264") ? 0 : sound ? 2000 : 1000, 150);

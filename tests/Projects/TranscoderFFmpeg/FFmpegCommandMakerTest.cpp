@@ -143,12 +143,7 @@ const QString kInjection = "aac -map 0:a -f wav /tmp/x/victim.txt -map 0 -acodec
 
 const QString kD = "hwdownload,format=nv12,";
 
-struct Row
-{
-    QString changes;
-    QString cuda;
-    QString qsv;
-};
+using Row = std::tuple<QString, QString, QString>; // job changes, CUDA graph, QSV graph
 
 QString graph(const QString& changes, bool qsv)
 {
@@ -159,9 +154,9 @@ QString graph(const QString& changes, bool qsv)
 
 void expectGraphs(const Row& r)
 {
-    EXPECT_EQ(graph(r.changes, false).toStdString(), r.cuda.toStdString())
-        << r.changes.toStdString();
-    EXPECT_EQ(graph(r.changes, true).toStdString(), r.qsv.toStdString()) << r.changes.toStdString();
+    const auto& [changes, cuda, qsv] = r;
+    EXPECT_EQ(graph(changes, false).toStdString(), cuda.toStdString()) << changes.toStdString();
+    EXPECT_EQ(graph(changes, true).toStdString(), qsv.toStdString()) << changes.toStdString();
 }
 
 } // namespace
@@ -189,12 +184,7 @@ TEST(FFmpegCommand, WholeCommands)
 // between runs), `absent` elements that must not occur.
 TEST(FFmpegCommand, Options)
 {
-    const struct
-    {
-        const char* changes;
-        const char* present;
-        const char* absent;
-    } cases[] = {
+    const std::tuple<const char*, const char*, const char*> cases[] = {
         {"acodec=;audio=128,44100,2", "-an", "-acodec|-ab|-ar|-ac"},
         {"silent", "-threads 4|-i|\"/in/my clip.mp4\"|-an|-vcodec", "-acodec"},
         {"acodec=PCM", "-acodec|pcm_s16le", "-an"},
@@ -241,14 +231,14 @@ TEST(FFmpegCommand, Options)
         // Half the hardware threads, rounded up.
         {"threads=3", "-y|-threads 2|-i", ""},
     };
-    for (const auto& c : cases) {
-        const QString args = '|' + build(job(c.changes)) + '|';
-        for (const QString& run : QString(c.present).split('#')) {
-            EXPECT_TRUE(args.contains('|' + run + '|')) << c.changes << ": " << args.toStdString();
+    for (const auto& [changes, present, absent] : cases) {
+        const QString args = '|' + build(job(changes)) + '|';
+        for (const QString& run : QString(present).split('#')) {
+            EXPECT_TRUE(args.contains('|' + run + '|')) << changes << ": " << args.toStdString();
         }
-        for (const QString& element : QString(c.absent).split('|', Qt::SkipEmptyParts)) {
+        for (const QString& element : QString(absent).split('|', Qt::SkipEmptyParts)) {
             EXPECT_FALSE(args.contains('|' + element + '|'))
-                << c.changes << ": " << element.toStdString();
+                << changes << ": " << element.toStdString();
         }
     }
 }
