@@ -51,9 +51,9 @@ TEST(KvMediaInfo, FactsOfGeneratedFiles)
                                     v.rotation, v.sar(), c.displayWidth, c.displayHeight,
                                     int(info->audioStreams.size())),
                   expected);
-        EXPECT_EQ(QList<qint64>({v.width, v.height, c.frameRateNum, c.frameRateDen,
+        EXPECT_EQ(QList<qint64>({v.width, v.height, c.frameRateNum, c.frameRateDen, c.attachedPic,
                                  plain->videoStreams.value(0).durationMs}),
-                  QList<qint64>({320, 240, 25, 1, 0}));
+                  QList<qint64>({320, 240, 25, 1, 0, 0}));
         // 2 s with sound, 1 s without; durations of streams only on request.
         const bool sound = info->audioStreams.size() == 1;
         EXPECT_NEAR(info->durationMs, path.endsWith(".h264") ? 0 : sound ? 2000 : 1000, 150);
@@ -66,18 +66,6 @@ TEST(KvMediaInfo, FactsOfGeneratedFiles)
             EXPECT_NEAR(container->audioStreams.value(0).durationMs, 2000, 150);
         }
     }
-}
-
-TEST(KvMediaInfo, CoverPictureIsAnAttachedPictureStream)
-{
-    const QString path = ProbeMedia::mp3WithCover();
-    const auto info = getMediaInfo(path, -2, true);
-    const auto container = getContainInfo(path, true);
-    ASSERT_TRUE(info && container && container->videoStreams.size() == 1);
-    ASSERT_TRUE(info->videoStreams.size() == 1 && info->audioStreams.size() == 1);
-    EXPECT_TRUE(container->videoStreams[0].attachedPic);
-    EXPECT_EQ(container->videoStreams[0].displayWidth, 64);
-    EXPECT_EQ(info->videoStreams[0].codecName + info->audioStreams[0].codecName, "pngmp3");
 }
 
 TEST(KvMediaInfo, UnreadableInputsGiveNullAndZero)

@@ -188,7 +188,6 @@ TEST(FFmpegCommand, Options)
         {"acodec=;audio=128,44100,2", "-an", "-acodec|-ab|-ar|-ac"},
         {"silent", "-threads 4|-i|\"/in/my clip.mp4\"|-an|-vcodec", "-acodec"},
         {"acodec=PCM", "-acodec|pcm_s16le", "-an"},
-        {"acodec=adpcm", "-acodec|adpcm_ima_wav", ""},
         // Codec 0 names no codec but keeps the numbers.
         {"acodec=0;audio=96,0,0", "\"/in/my clip.mp4\"|-ab|96k|-vcodec", "-acodec|-an|-ar|-ac"},
         {"gpu=Intel(R) UHD Graphics 630;qsvinit",
@@ -197,8 +196,6 @@ TEST(FFmpegCommand, Options)
          ""},
         {"gpu=Intel(R) Arc A770;in=h265", "-y|-hwaccel qsv|-c:v hevc_qsv|-threads 4", ""},
         // Input codecs and GPU names are compared case-sensitively.
-        {"gpu=NVIDIA T400;in=H264", "-y|-hwaccel cuvid|-threads 4", ""},
-        {"gpu=nvidia geforce", "-hwaccel auto#-vcodec|h264|-r", "h264_nvenc"},
         {"gpu=NVIDIA GeForce GTX 1650", "-y|-hwaccel cuvid|-c:v h264_cuvid|-threads 4", ""},
         {"gpu=Generic Display Adapter;size=1280x720", "-y|-hwaccel auto|-threads 4#-vcodec|h264|-r",
          "-lavfi"},
@@ -207,7 +204,6 @@ TEST(FFmpegCommand, Options)
          "-hwaccel qsv|-init_hw_device qsv=hw,child_device_type=d3d11va"},
         {"sw=NVIDIA RTX A2000;vkbps=6000", "-vcodec|h264_nvenc|-bf 0#-vb|6000k|-r",
          "-minrate 6000k|-vtag hvc1"},
-        {"sw=Intel(R) UHD;vcodec=H265", "-vtag hvc1|-vcodec|hevc_qsv", ""},
         {"vkbps=3000", "-vb|3000k|-minrate 3000k|-maxrate 3000k|-bufsize 6000k|-r|30", ""},
         {"sw=NVIDIA;vcodec=0", "-acodec|aac|-lavfi|\"hwdownload,format=nv12\"|-r|30",
          "-vcodec|-vn"},
@@ -215,21 +211,16 @@ TEST(FFmpegCommand, Options)
         // graph that cannot be built.
         {"sw=Intel", "-vcodec|h264_qsv|-r", "-lavfi"},
         {"sw=NVIDIA;size=0x1080", "-bf 0|-r", "-lavfi"},
-        {"sw=Intel;size=1280x0", "-vcodec|h264_qsv|-r", "-lavfi"},
         {"sw=NVIDIA;mark=/wm/missing.png,0,0,1,1", "-bf 0|-r", "-lavfi"},
         {"vcodec=", "-acodec|aac|-vn|-g 15|-crf 26", "-vcodec|-r"},
         {"in=", "-vn|-g 15|-crf 21", "-vcodec"},
         {"mark=/wm/wide.png,0,0,1,1;mark=/wm/square.png,5,5,0.5,1",
          "-threads 4|-i|\"/in/my clip.mp4\"|-i|\"/wm/wide.png\"|-i|\"/wm/square.png\"|-acodec", ""},
-        {"format=no-such", "-f||\"/out/result file.mp4\"", ""},
-        {"size=3840x2160", "-g 15|-crf 23", ""},
         // Frame rates: -vsync only for Matroska, none when not positive.
         {"format=MKV;vcodec=H265;fps=25", "-vtag hvc1|-vcodec|hevc|-vsync 1|-r|25|-g 15", ""},
         {"format=mkv;fps=0", "-vcodec|h264|-g 15", ""},
         {"fps=59.94005994", "-vcodec|h264|-r|59.9401|-g 15", ""},
-        {"format=mov;fps=23.976023976", "-vcodec|h264|-r|23.976|-g 15", ""},
-        // Half the hardware threads, rounded up.
-        {"threads=3", "-y|-threads 2|-i", ""},
+        {"threads=3", "-y|-threads 2|-i", ""}, // half the hardware threads, rounded up
     };
     for (const auto& [changes, present, absent] : cases) {
         const QString args = '|' + build(job(changes)) + '|';
@@ -271,10 +262,8 @@ TEST(FFmpegCommand, RefusedCommandsAreEmpty)
 TEST(FFmpegCommand, CrfQualityAndMuxers)
 {
     const std::tuple<const char*, int, int, int> crf[] = {
-        {"h264", 1280, 720, 21}, {"h264", 0, 0, 13},       {"h265", 0, 0, 18},
-        {"", 0, 0, 18},          {"H264", 1920, 1080, 21}, {"h264", 640, 360, 17},
-        {"h264", 2000, 0, 23},   {"h264", 1200, 1600, 23}, {"h265", 1999, 0, 28},
-        {"h265", 100, 0, 19},
+        {"h264", 0, 0, 13},     {"", 0, 0, 18},           {"H264", 1920, 1080, 21},
+        {"h264", 640, 360, 17}, {"h264", 1200, 1600, 23}, {"h265", 1999, 0, 28},
     };
     for (const auto& [codec, width, height, expected] : crf) {
         EXPECT_EQ(crfQuality(codec, width, height), expected)
@@ -301,11 +290,8 @@ TEST(FFmpegProgress, Lines)
         {"out_time_us=5000000", 0, -1.0f, false, false},
         {"out_time_us=1000", 1, 1.0f, false, false},
         {"out_time_us=N/A", 10000, 0.0f, false, false},
-        {"out_time_us=12500000", 10000, 1.25f, false, false},
         {"  out_time_us=2500000 \r\n", 10000, 0.25f, false, false},
-        {"progress =end", 10000, -1.0f, false, false},
         {"frame=240", 10000, -1.0f, false, false},
-        {"PROGRESS=END", 10000, -1.0f, false, false},
         {"out_time_us=5000000=1", 10000, -1.0f, false, true},
         {"", 10000, -1.0f, false, true},
     };
@@ -326,8 +312,7 @@ TEST(FFmpegProgress, Lines)
 TEST(FFmpegArguments, OnlyTheBuildersOwnPairsAreSplit)
 {
     const QString jobs[] = {
-        "gpu=Intel(R) UHD Graphics;qsvinit",
-        "gpu=NVIDIA T400;vcodec=h265;in=h265",
+        "gpu=Intel(R) UHD Graphics;qsvinit;vcodec=h265",
         "gpu=NVIDIA T400",
         "gpu=;acodec=" + kInjection + ";vcodec=h264 -attach /etc/passwd",
         "input=/in/-i x -f lavfi.mp4;output=/out/a b -y.mp4;format=no such",
@@ -401,7 +386,6 @@ TEST(FilterGraph, PictureSteps)
     const Row rows[] = {
         {"size=1920x1080;crop=0,0,1,1", "hwdownload,format=nv12", ""},
         // Shapes within a thousandth count as the same.
-        {"size=1366x768", "scale_cuda=w=1366:h=768", "vpp_qsv=w=1365:h=768,pad=1366:768:0:0"},
         {"size=1360x768", kD + "scale=w=1360:h=765,pad=1360:768:0:1",
          "vpp_qsv=w=1360:h=765,pad=1360:768:0:1"},
         {"picture=1440,1080;size=1280x720", kD + "scale=w=960:h=720,pad=1280:720:160:0",
@@ -409,22 +393,14 @@ TEST(FilterGraph, PictureSteps)
         {"picture=1440,1080,0,4,3;size=1280x720", "scale_cuda=w=1280:h=720",
          "vpp_qsv=w=1280:h=720"},
         {"size=1920x1080;crop=0,0,1,1,1,1", kD + "hflip,vflip", "vpp_qsv=format=qsv,hflip,vflip"},
-        {"size=1080x1920;crop=0,0,1,1,1,0,270", kD + "hflip,transpose=2",
-         "vpp_qsv=format=qsv,hflip,transpose=2"},
-        {"size=1920x1080;crop=0,0,1,1,0,0,45", "hwdownload,format=nv12", ""},
         {"size=1280x720;crop=0,0,1,1,0,0,180", kD + "transpose=1,transpose=1,scale=w=1280:h=720",
          "vpp_qsv=w=1280:h=720,transpose=1,transpose=1"},
-        {"size=1920x1080;crop=0,0,1,1,0,0,90",
-         kD + "transpose=1,scale=w=607:h=1080,pad=1920:1080:656:0",
-         "vpp_qsv=w=1080:h=607,transpose=1,pad=1920:1080:656:0"},
         {"size=1920x1080;crop=0.25,0.25,0.5,0.5",
          kD + "crop=x=480:y=270:w=960:h=540,scale=w=1920:h=1080",
          "vpp_qsv=cx=480:cy=270:cw=960:ch=540:w=1920:h=1080"},
         {"size=1920x1080;crop=0,0,0.5,1,0,1",
          kD + "crop=x=0:y=0:w=960:h=1080,rotate=0,vflip,pad=1920:1080:480:0",
          "vpp_qsv=cx=0:cy=0:cw=960:ch=1080,rotate=0,vflip,pad=1920:1080:480:0"},
-        {"picture=1440,1080,0,4,3;size=720x1080;crop=0,0,0.5,1", kD + "crop=x=0:y=0:w=720:h=1080",
-         "vpp_qsv=cx=0:cy=0:cw=720:ch=1080"},
         // Turned streams: the crop is in the stored picture's axes.
         {"picture=1920,1080,90;size=540x960;crop=0.1,0.2,0.5,0.5",
          kD + "crop=x=108:y=384:w=540:h=960", "vpp_qsv=cx=384:cy=648:cw=960:ch=540,transpose=1"},
@@ -434,13 +410,8 @@ TEST(FilterGraph, PictureSteps)
         {"picture=1920,1080,270;size=540x960;crop=0.1,0.2,0.5,0.5",
          kD + "crop=x=192:y=216:w=960:h=540,scale=w=540:h=303,pad=540:960:0:328",
          "vpp_qsv=w=960:h=540,transpose=2"},
-        {"picture=1920,1080,90;size=1080x1920", "hwdownload,format=nv12",
-         "vpp_qsv=format=qsv,transpose=1"},
-        {"picture=1920,1080,270;size=720x1280", "scale_cuda=w=720:h=1280",
-         "vpp_qsv=w=1280:h=720,transpose=2"},
         {"picture=1920,1080,90;size=1920x1080;crop=0,0,1,1,0,0,90", kD + "transpose=1",
          "vpp_qsv=format=qsv,transpose=1,transpose=1"},
-        {"picture=1920,1080,90;size=1920x1080;crop=0,0,1,1,0,0,270", kD + "transpose=2", ""},
     };
     for (const Row& r : rows) {
         expectGraphs(r);
@@ -476,11 +447,6 @@ TEST(FilterGraph, Watermarks)
          "colorchannelmixer=aa=1[mark1];[video][mark1]overlay=x=447:y=270",
          "[1:v]hwupload=extra_hw_frames=10[mark1];[0:v][mark1]overlay_qsv=x=447:y=270:w=1026:h=540:"
          "alpha=255"},
-        {"picture=1080,1920;size=1080x1920;mark=/wm/wide.png,10,20,0.25,0.5",
-         "[0:v]hwdownload,format=nv12[video];[1:v]scale=w=540:h=270,format=yuva444p,"
-         "colorchannelmixer=aa=0.25[mark1];[video][mark1]overlay=x=280:y=805",
-         "[1:v]hwupload=extra_hw_frames=10[mark1];[0:v][mark1]overlay_qsv=x=280:y=805:w=540:h=270:"
-         "alpha=63"},
         {"size=960x540;mark=/wm/wide.png,600,0,1,0.5",
          cudaVideo + cudaHalf + "1[mark1];[video][mark1]overlay=x=540:y=150",
          qsvVideo + ",vpp_qsv=cx=0:cy=0:cw=175:ch=100[mark1];[video][mark1]overlay_qsv=x=540:y=150:"
@@ -500,14 +466,12 @@ TEST(FilterGraph, FailuresAreEmptyAndLogged)
 {
     const std::pair<const char*, const char*> rows[] = {
         {"in=-;size=1920x1080", ""},
-        {"in=;size=1920x1080", ""},
         {"size=960x540;crop=0,0,1,1,1;mark=/wm/wide.png,100,50,0.5,0.5;mark=/wm/"
          "missing.png,0,0,1,1",
          ""},
         {"size=960x540;mark=/wm/novideo.png,0,0,1,1", ""},
         {"size=1920x0", "size invalid: 0 1920 1080"},
         {"picture=0,1080;size=1920x1080", "size invalid: 1080 0 1080"},
-        {"picture=1920,0;size=1920x1080", "size invalid: 1080 1920 0"},
         {"size=1920x1080;crop=0,0,1,0.0001", "imgH invalid: 0"},
         {"size=1920x1080;crop=0,0,0.0001,1", "imgW invalid: 0"},
     };
