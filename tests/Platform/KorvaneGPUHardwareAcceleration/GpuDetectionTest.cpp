@@ -12,17 +12,18 @@ using namespace Korvane;
 
 namespace {
 
-// A fake /sys in `dir`: each card is {entry, vendor text, device text}; an
-// empty text leaves the file out.
-QString fakeSysfs(const QTemporaryDir& dir, const QList<QStringList>& cards)
+// A fake /sys in `dir`: cards between ';', each "entry vendor device", "-" for
+// a file left out; numbers with "0x" end with a newline as the kernel writes them.
+QString fakeSysfs(const QTemporaryDir& dir, const QString& cards)
 {
-    for (const QStringList& card : cards) {
-        const QString device = dir.filePath("class/drm/" + card[0] + "/device/");
+    for (const QString& card : cards.split(';', Qt::SkipEmptyParts)) {
+        const QStringList f = card.split(' ');
+        const QString device = dir.filePath("class/drm/" + f[0] + "/device/");
         QDir().mkpath(device);
         for (const int i : {1, 2}) {
             QFile file(device + (i == 1 ? "vendor" : "device"));
-            if (!card[i].isEmpty() && file.open(QIODevice::WriteOnly)) {
-                file.write(card[i].toLatin1());
+            if (f[i] != "-" && file.open(QIODevice::WriteOnly)) {
+                file.write((f[i] + (f[i].startsWith("0x") ? "\n" : "")).toLatin1());
             }
         }
     }
@@ -35,45 +36,34 @@ QString fakeSysfs(const QTemporaryDir& dir, const QList<QStringList>& cards)
 // readable vendor skipped; the command builder looks for the maker word.
 TEST(GpuDetection, AutoPrefersNvidiaThenIntelAndNeverAnotherMaker)
 {
-    const QList<QPair<QList<QStringList>, QString>> cases{
-        {{}, ""},
-        {{{"card0", "0x1002\n", "0x73bf\n"}}, ""},
-        {{{"card0", "0x8086\n", "0x9a49\n"}}, "Intel GPU [8086:9a49]"},
-        {{{"card0", "0x8086\n", "0x9a49\n"}, {"card1", "0x10de\n", "0x1eb8\n"}},
-         "NVIDIA GPU [10de:1eb8]"},
-        {{{"card10", "0x10de\n", "0x2204\n"}, {"card2", "0x10de\n", "0x1eb8\n"}},
-         "NVIDIA GPU [10de:1eb8]"},
-        {{{"card0-HDMI-A-1", "0x10de\n", "0x2204\n"},
-          {"renderD128", "0x10de\n", "0x2204\n"},
-          {"card1", "", "0x2204\n"},
-          {"card2", "garbage\n", "0x2204\n"},
-          {"card3", "0x8086\n", "0x3e92\n"}},
+    const QList<QPair<QString, QString>> cases{
+        {"", ""},
+        {"card0 0x1002 0x73bf", ""},
+        {"card0 0x8086 0x9a49", "Intel GPU [8086:9a49]"},
+        {"card0 0x8086 0x9a49;card1 0x10de 0x1eb8", "NVIDIA GPU [10de:1eb8]"},
+        {"card10 0x10de 0x2204;card2 0x10de 0x1eb8", "NVIDIA GPU [10de:1eb8]"},
+        {"card0-HDMI-A-1 0x10de 0x2204;renderD128 0x10de 0x2204;card1 - 0x2204;card2 garbage "
+         "0x2204;card3 0x8086 0x3e92",
          "Intel GPU [8086:3e92]"},
-        {{{"card0", "10de", "1eb8"}}, "NVIDIA GPU [10de:1eb8]"},
-        {{{"card0", "0x8086\n", ""}}, "Intel GPU [8086:0000]"},
+        {"card0 0x8086 -", "Intel GPU [8086:0000]"},
     };
     for (const auto& [cards, expected] : cases) {
         QTemporaryDir dir;
-        EXPECT_EQ(autoGpuName(fakeSysfs(dir, cards)), expected) << expected.toStdString();
+        EXPECT_EQ(autoGpuName(fakeSysfs(dir, cards)), expected) << cards.toStdString();
     }
-    QTemporaryDir dir;
-    const QList<GpuDevice> other = detectGpus(fakeSysfs(dir, {{"card0", "0x1002\n", "0x73bf\n"}}));
-    ASSERT_EQ(other.size(), 1);
-    EXPECT_EQ(other[0].name, "GPU [1002:73bf]");
 }
 
+// The stored value as the settings file spells it; absent means no.
 TEST(QsvDeviceSwitch, FollowsTheStoredValueAndAbsentMeansNo)
 {
     Settings& settings = KorvaneBaseEntry()->settings();
-    const QList<QPair<QVariant, bool>> cases{{true, true},   {"1", true},  {"true", true},
-                                             {false, false}, {"0", false}, {QVariant(), false}};
-    for (const auto& [stored, expected] : cases) {
-        if (stored.isValid()) {
-            settings.setValue("kQsv_InitDevice_Explicit", stored);
-        } else {
+    for (const auto& [stored, expected] :
+         {std::pair{"1", true}, {"true", true}, {"0", false}, {"", false}}) {
+        settings.setValue("kQsv_InitDevice_Explicit", stored);
+        if (!*stored) {
             settings.remove("kQsv_InitDevice_Explicit");
         }
         EXPECT_EQ(KorvaneGPUHardwareAccelerationEntry()->qsvDeviceInitExplicit(), expected)
-            << stored.toString().toStdString();
+            << stored;
     }
 }

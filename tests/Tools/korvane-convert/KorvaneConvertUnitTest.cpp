@@ -1,18 +1,17 @@
 // korvane-convert's parts: option parsing, job files, path choice, progress
-// display, the job runner's failure reason and the interrupt watcher.
+// display and the job runner's failure reason.
 #include "CommandLine.h"
-#include "InterruptWatcher.h"
 #include "JobFile.h"
 #include "JobRunner.h"
 #include "PathChoice.h"
 #include "ProgressDisplay.h"
 
+#include <QBuffer>
 #include <QDir>
-#include <QSignalSpy>
+#include <QJsonDocument>
+#include <QJsonObject>
 
 #include <gtest/gtest.h>
-
-#include <csignal>
 
 using namespace Korvane;
 
@@ -25,73 +24,53 @@ ParsedCommandLine parse(const QString& line)
 
 } // namespace
 
-TEST(CommandLine, FlagsFillTheJobRecordsAndTheOutputNameGivesTheDefaults)
+// Flags fill the job records; the output name gives the defaults; a double
+// dash ends the options. Each row lists pieces of the job's JSON text.
+TEST(CommandLine, FlagJobs)
 {
-    const ParsedCommandLine defaults = parse("in.mov out/clip.MKV --gpu auto");
-    ASSERT_TRUE(defaults.ok()) << defaults.error.toStdString();
-    const ConvertJob& plain = *defaults.commandLine.flagJob;
-    EXPECT_EQ(QStringList({plain.source.filePath, plain.output.outputPath, plain.output.format,
-                           plain.output.video.codecName, plain.output.audio.codecName,
-                           plain.output.acceleration.gpuName}),
-              QStringList({"in.mov", "out/clip.MKV", "mkv", "h264", "aac", ""}));
-    EXPECT_EQ(QList<int>({plain.output.video.width, plain.source.baseFilter.volume,
-                          plain.output.acceleration.hardwareEnabled, plain.source.crop.has_value(),
-                          plain.source.speed.has_value(), plain.timelineOptions.has_value()}),
-              QList<int>({0, 100, 0, 0, 0, 0}));
-    EXPECT_TRUE(defaults.commandLine.gpuAuto);
-    EXPECT_FALSE(parse("a.mp4 b.mp4 --gpu none").commandLine.gpuAuto);
-
-    const ParsedCommandLine parsed = parse(
-        "a.mp4 b.bin --format MOV --vcodec H265 --size 1280x720 --fps 29.97 --vbitrate 2500 "
-        "--acodec PCM --abitrate=192 --ar 48000 --ac 2 --gpu NVIDIA --hw --crop 0.1,0.2,0.5,0.75 "
-        "--flip hv --rotate 270 --cut 1000-2500 --cut 5000-6000 --speed 1.5 --volume 150 "
-        "--brightness -20 --contrast 10 --saturation 5 --sharpen 3 --shadow -4 --highlight 6 "
-        "--color-temperature 7 --hue -90 --audio-track 2 --audio-track 4 --subtitle "
-        "subs/english.srt --subtitle-track 3 --cover c.png --meta title=Hello=World --meta "
-        "artist=");
-    ASSERT_TRUE(parsed.ok()) << parsed.error.toStdString();
-    const ConvertSource& s = parsed.commandLine.flagJob->source;
-    const AVTaskOutputParam& o = parsed.commandLine.flagJob->output;
-    EXPECT_EQ(QStringList({o.format, o.video.codecName, o.audio.codecName, o.acceleration.gpuName,
-                           s.attachedSubtitle.value(0).filePath, s.attachedSubtitle.value(0).title,
-                           s.coverPath, s.metaData.value("title").toString()}),
-              QStringList({"mov", "h265", "pcm", "NVIDIA", "subs/english.srt", "english", "c.png",
-                           "Hello=World"}));
-    EXPECT_EQ(QList<double>({double(o.video.width), double(o.video.height), o.video.frameRate,
-                             double(o.video.bitrateKbps), double(o.audio.bitrateKbps),
-                             double(o.audio.sampleRate), double(o.audio.channels),
-                             double(o.acceleration.hardwareEnabled), s.speedOrOne()}),
-              QList<double>({1280, 720, 29.97, 2500, 192, 48000, 2, 1, 1.5}));
-    ASSERT_TRUE(s.crop.has_value());
-    EXPECT_EQ(
-        QList<double>({s.crop->cropX, s.crop->cropY, s.crop->cropW, s.crop->cropH,
-                       double(s.crop->flipX), double(s.crop->flipY), double(s.crop->rotation)}),
-        QList<double>({0.1, 0.2, 0.5, 0.75, 1, 1, 270}));
-    const BaseFilterParam& f = s.baseFilter;
-    EXPECT_EQ(QList<int>({f.brightness, f.contrast, f.saturation, f.sharpen, f.shadow, f.highlight,
-                          f.colorTemperature, f.hue, f.volume}),
-              QList<int>({-20, 10, 5, 3, -4, 6, 7, -90, 150}));
-    EXPECT_EQ(QList<qint64>({s.cut.value(0).begin, s.cut.value(0).length, s.cut.value(1).begin,
-                             s.cut.value(1).length, s.selfSubtitles.value(0).index}),
-              QList<qint64>({1000, 1500, 5000, 1000, 3}));
-    EXPECT_EQ(s.selfAudios, QList<qint32>({2, 4}));
-    EXPECT_TRUE(s.metaData.contains("artist"));
-    // Rotation or flips alone carry a crop of the whole picture.
-    const ConvertJob turned = *parse("a.mp4 b.mp4 --rotate 90 --flip v").commandLine.flagJob;
-    EXPECT_EQ(QList<double>({turned.source.crop->cropW, turned.source.crop->cropH,
-                             double(turned.source.crop->flipX), double(turned.source.crop->flipY)}),
-              QList<double>({1, 1, 0, 1}));
-    EXPECT_TRUE(parse("a.mp4 b.mp4 --vcodec none --acodec none")
-                    .commandLine.flagJob->output.video.codecName.isEmpty());
-    EXPECT_EQ(parse("a.mp4 b.mp4 --vcodec h264").commandLine.flagJob->output.video.codecName,
-              "h264");
-    // A double dash ends the options, so file names may start with one.
-    const ParsedCommandLine dashed =
-        parseCommandLine({"--size", "320x240", "--", "-in", "--out.mp4"});
-    ASSERT_TRUE(dashed.ok()) << dashed.error.toStdString();
-    EXPECT_EQ(dashed.commandLine.flagJob->source.filePath +
-                  dashed.commandLine.flagJob->output.outputPath,
-              "-in--out.mp4");
+    const QList<QPair<QString, QString>> cases = {
+        {"--size 320x240 -- -in --out.MKV",
+         "'filePath':'-in' 'outputPath':'--out.MKV' 'format':'mkv' 'video.codecName':'h264' "
+         "'video.width':320 'audio.codecName':'aac' "
+         "'acceleration.gpuName':'','acceleration.hardwareEnabled':false "
+         "'volume':100"},
+        {"a.mp4 b.bin --format MOV --vcodec H265 --size 1280x720 --fps 29.97 --vbitrate 2500 "
+         "--acodec PCM --abitrate=192 --ar 48000 --ac 2 --gpu NVIDIA --hw --crop 0.1,0.2,0.5,0.75 "
+         "--flip hv --rotate 270 --cut 1000-2500 --cut 5000-6000 --speed 1.5 --volume 150 "
+         "--brightness -20 --contrast 10 --saturation 5 --sharpen 3 --shadow -4 --highlight 6 "
+         "--color-temperature 7 --hue -90 --audio-track 2 --audio-track 4 --subtitle "
+         "subs/english.srt --subtitle-track 3 --cover c.png --meta title=Hello=World --meta "
+         "artist=",
+         "'acceleration.gpuName':'NVIDIA','acceleration.hardwareEnabled':true "
+         "'audio.bitrateKbps':192,"
+         "'audio.channels':2,'audio.codecName':'pcm','audio.sampleRate':48000,'format':'mov' "
+         "'video.bitrateKbps':2500,'video.codecName':'h265','video.frameRate':29.97,"
+         "'video.height':720,'video.width':1280 'attachedSubtitle':[{'filePath':'subs/english.srt',"
+         "'startMs':0,'title':'english'}] 'baseFilter':{'brightness':-20,'color temperature':7,"
+         "'contrast':10,'highlight':6,'hue':-90,'saturation':5,'shadow':-4,'sharpen':3,'volume':"
+         "150} "
+         "'coverPath':'c.png','crop':{'cropH':0.75,'cropW':0.5,'cropX':0.1,'cropY':0.2,'flipX':"
+         "true,"
+         "'flipY':true,'rotation':270},'cut':[{'range_begin':1000,'range_length':1500},{'range_"
+         "begin':5000,'range_length':1000}] 'metaData':{'artist':'','title':'Hello=World'},"
+         "'selfAudios':[2,4],'selfSubtitles':[{'index':3, 'speed':1.5"},
+        // Rotation or flips alone carry a crop of the whole picture.
+        {"a.mp4 b.mp4 --rotate 90 --flip v", "'crop':{'cropH':1,'cropW':1,'cropX':0,'cropY':0,'"
+                                             "flipX':false,'flipY':true,'rotation':90}"},
+    };
+    for (const auto& [line, expected] : cases) {
+        const ParsedCommandLine parsed = parse(line);
+        ASSERT_TRUE(parsed.ok()) << parsed.error.toStdString();
+        const QString json =
+            QJsonDocument(QJsonObject::fromVariantMap(jobToVariantMap(*parsed.commandLine.flagJob)))
+                .toJson(QJsonDocument::Compact);
+        for (QString piece : (' ' + expected).split(" '", Qt::SkipEmptyParts)) {
+            EXPECT_TRUE(json.contains('"' + piece.replace('\'', '"'))) << piece.toStdString();
+        }
+    }
+    // Only --gpu auto leaves the GPU to the caller.
+    EXPECT_FALSE(parse("in.mov out.mp4 --gpu none").commandLine.gpuAuto);
+    EXPECT_TRUE(parse("in.mov out.mp4 --gpu auto").commandLine.gpuAuto);
 }
 
 // Read from the right, so that paths may hold '@' and ','. Described as
@@ -99,10 +78,7 @@ TEST(CommandLine, FlagsFillTheJobRecordsAndTheOutputNameGivesTheDefaults)
 TEST(CommandLine, WatermarksReadFromTheRight)
 {
     const QList<QPair<QString, QString>> cases = {
-        {"logo.png", "logo.png - 1 1 1"},
-        {"logo.png@640,360", "logo.png 640,360 1 1 1"},
         {"logo.png@-10,20,alpha=0.5", "logo.png -10,20 0.5 1 1"},
-        {"logo.png,scale=2,alpha=0.25", "logo.png - 0.25 2 2"},
         {"me@home/a,b.png@1,2,scale=0.5", "me@home/a,b.png 1,2 1 0.5 0.5"}};
     for (const auto& [value, described] : cases) {
         const ParsedCommandLine parsed = parseCommandLine(
@@ -122,28 +98,23 @@ TEST(CommandLine, WatermarksReadFromTheRight)
 TEST(CommandLine, BadValuesAndModesThatDoNotFitGiveOneLine)
 {
     // One per ';'; each names the option it starts with.
-    const QStringList badValues =
-        QString("--size 1280;--size 0x720;--size -1280x720;--vcodec vp9;--fps 0;--fps "
-                "abc;--vbitrate 1.5;--ac 0;--crop 0.5,0.5,0.6,0.5;--crop 0,0,1;--crop "
-                "0,0,0,1;--flip x;--rotate 45;--watermark logo.png,alpha=2;--watermark @1,2;--cut "
-                "5000-1000;--cut 1000;--speed 0;--volume -1;--brightness 101;--hue "
-                "181;--audio-track x;--meta =x;--path gpu;--size;--bogus 1;--quiet=yes")
-            .split(';');
-    for (const QString& flags : badValues) {
+    for (const QString& flags :
+         QString("--size 1280;--size 0x720;--vcodec vp9;--fps abc;--vbitrate 1.5;--ac 0;--crop "
+                 "0.5,0.5,0.6,0.5;--crop 0,0,0,1;--flip x;--rotate 45;--watermark logo.png,alpha=2;"
+                 "--cut 5000-1000;--speed 0;--volume -1;--hue 181;--audio-track x;--meta =x;--path "
+                 "gpu;--size;--bogus 1;--quiet=yes")
+             .split(';')) {
         const ParsedCommandLine parsed = parse("a.mp4 b.mp4 " + flags);
-        EXPECT_FALSE(parsed.ok()) << flags.toStdString();
         EXPECT_TRUE(parsed.error.contains(flags.section(' ', 0, 0).section('=', 0, 0)))
-            << parsed.error.toStdString();
+            << flags.toStdString() << ": " << parsed.error.toStdString();
         EXPECT_FALSE(parsed.error.contains('\n')) << parsed.error.toStdString();
     }
-    // One per ';'.
-    const QStringList misfits =
-        QString("--job a.json --job b.json --check;--job a.json in.mp4 out.mp4;--job a.json --size "
-                "640x360;--job a.json --save-job b.json;--job a.json --check --print-job;--probe "
-                "in.mp4 out.mp4;in.mp4;;in.mp4 out;in.mp4 out.mp4 extra.mp4;in.mp4 --help "
-                "--bogus-ignored-after-help")
-            .split(';');
-    for (const QString& line : misfits) {
+    for (const QString& line :
+         QString(
+             "--job a.json --job b.json --check;--job a.json in.mp4 out.mp4;--job a.json --size "
+             "640x360;--job a.json --save-job b.json;--job a.json --check --print-job;--probe "
+             "in.mp4 out.mp4;in.mp4;;in.mp4 out.mp4 extra.mp4;in.mp4 --help --bogus-after-help")
+             .split(';')) {
         EXPECT_FALSE(parse(line).ok()) << line.toStdString();
     }
     EXPECT_EQ(parse("in.mp4 out.mp4 --quiet --verbose").error,
@@ -151,28 +122,21 @@ TEST(CommandLine, BadValuesAndModesThatDoNotFitGiveOneLine)
     const QList<QPair<QString, ConvertMode>> modes = {
         {"--job a.json --job b.json --quiet --path export", ConvertMode::Run},
         {"--job a.json --print-command", ConvertMode::PrintCommand},
-        {"--job a.json --print-timeline", ConvertMode::PrintTimeline},
         {"--job a.json --check", ConvertMode::Check},
         {"in.mp4 out.mp4 --print-job --size 640x360", ConvertMode::PrintJob},
         {"in.mp4 out.mp4 --save-job job.json", ConvertMode::SaveJob},
         {"--probe in.mp4", ConvertMode::Probe},
         {"--version", ConvertMode::Version},
-        {"--help", ConvertMode::Help},
-    };
+        {"--help", ConvertMode::Help}};
     for (const auto& [line, mode] : modes) {
-        const ParsedCommandLine parsed = parse(line);
-        EXPECT_TRUE(parsed.ok()) << line.toStdString() << ": " << parsed.error.toStdString();
-        EXPECT_EQ(parsed.commandLine.mode, mode) << line.toStdString();
+        EXPECT_TRUE(parse(line).ok() && parse(line).commandLine.mode == mode) << line.toStdString();
     }
 }
 
 TEST(JobFile, InvalidJobFilesAreRefusedWithAReason)
 {
     const QList<QPair<QByteArray, QString>> cases = {
-        {"", "not JSON"},
         {"{\"ConvertSource\": ", "not JSON"},
-        {"[1, 2]", "not a JSON object"},
-        {"{}", "\"ConvertSource\""},
         {R"({"ConvertSource": {}, "AVTaskOutputParam": 3})", "\"AVTaskOutputParam\""},
         {R"({"ConvertSource": "x", "AVTaskOutputParam": {}})", "\"ConvertSource\""},
         {R"({"ConvertSource": {}, "AVTaskOutputParam": {}, "timelineOptions": []})",
@@ -184,76 +148,44 @@ TEST(JobFile, InvalidJobFilesAreRefusedWithAReason)
         EXPECT_FALSE(jobFromJson(text, &job, &error)) << text.toStdString();
         EXPECT_TRUE(error.contains(reason)) << error.toStdString();
     }
-    // Missing or mistyped output keys read as zero.
-    const AVTaskOutputParam flat = outputParamFromVariantMap(
-        {{"video.width", 1920}, {"video.height", "1080"}, {"ipcMode", "true"}, {"taskMode", 7}});
-    EXPECT_EQ(QList<int>({flat.video.width, flat.video.height, flat.ipcMode, flat.taskMode}),
-              QList<int>({1920, 0, 0, 7}));
 }
 
 TEST(PathChoice, EditsThatOnlyGpuFilterGraphsApply)
 {
-    struct Case
-    {
-        CropParam crop;
-        QSize size;
-        bool watermark;
-        QStringList edits;
-    };
-    const QList<Case> cases = {{{0, 0, 1, 1, false, false, 360}, {1920, 1080}, false, {}},
-                               {{0, 0, 1, 1, false, false, 0}, {1280, 0}, false, {}},
-                               {{0, 0, 1, 1, false, false, 0},
-                                {1280, 720},
-                                false,
-                                {"size 1280x720 differs from the input's 1920x1080"}},
-                               {{0.1, 0, 0.5, 1, true, false, 180},
-                                {0, 0},
-                                true,
-                                {"crop", "flip", "rotation 180", "watermark"}}};
-    for (const Case& c : cases) {
-        ConvertJob job;
-        job.source.crop = c.crop;
-        job.output.video = {"h264", c.size.width(), c.size.height(), 0.0, 0};
-        job.source.waterMark =
-            c.watermark ? QList<WaterMarkParam>{WaterMarkParam()} : QList<WaterMarkParam>();
-        EXPECT_EQ(editsNeedingGpuFilters(job, QSize(1920, 1080)), c.edits)
-            << c.edits.join(',').toStdString();
-    }
-    ConvertJob sized;
-    sized.output.video = {"h264", 640, 360, 0.0, 0};
-    EXPECT_EQ(editsNeedingGpuFilters(sized, QSize()),
-              QStringList({"size 640x360 (input size unknown)"}));
+    ConvertJob job;
+    job.source.crop = CropParam{0, 0, 1, 1, false, false, 360};
+    job.output.video = {"h264", 1280, 0, 0.0, 0};
+    EXPECT_EQ(editsNeedingGpuFilters(job, QSize(1920, 1080)), QStringList());
+    job.output.video.height = 720;
+    EXPECT_EQ(editsNeedingGpuFilters(job, QSize(1920, 1080)),
+              QStringList({"size 1280x720 differs from the input's 1920x1080"}));
+    job.source.crop = CropParam{0.1, 0, 0.5, 1, true, false, 180};
+    job.source.waterMark = {WaterMarkParam()};
+    job.output.video = {"h264", 0, 0, 0.0, 0};
+    EXPECT_EQ(editsNeedingGpuFilters(job, QSize(1920, 1080)),
+              QStringList({"crop", "flip", "rotation 180", "watermark"}));
 }
 
+// Rows: GPU name, whether the job crops, the answers of the ffmpeg and the
+// converter checks, the forced path; the path taken and part of its reason.
 TEST(PathChoice, HostChoiceAsksOnlyTheChecksItNeeds)
 {
-    struct Case
+    const struct
     {
         QString gpu;
-        bool withCrop;
-        bool ffmpeg;
-        bool transcoder;
+        bool withCrop, ffmpeg, transcoder;
         ForcedPath forced;
-        ConvertPath path;
-        const char* reasonPart;
+        const char* reason;
+    } cases[] = {
+        {"", false, true, true, ForcedPath::None, "ffmpeg no edit"},
+        {"NVIDIA GPU [10de:2330]", true, true, true, ForcedPath::None, "ffmpeg NVIDIA GPU applies"},
+        {"Intel GPU [8086:3e92]", true, true, true, ForcedPath::None, "ffmpeg Intel GPU applies"},
+        {"nvidia", true, true, true, ForcedPath::None, "converter would drop: crop"},
+        {"NVIDIA", false, false, true, ForcedPath::None, "converter ffmpeg support check refuses"},
+        {"Intel", false, false, false, ForcedPath::FFmpeg, "ffmpeg forced with --path"},
+        {"Intel", false, false, false, ForcedPath::Export, "export forced"},
     };
-    const QList<Case> cases = {
-        {"", false, true, true, ForcedPath::None, ConvertPath::FFmpeg, "no edit"},
-        {"NVIDIA GPU [10de:2330]", true, true, true, ForcedPath::None, ConvertPath::FFmpeg,
-         "NVIDIA GPU applies"},
-        {"Intel GPU [8086:3e92]", true, true, true, ForcedPath::None, ConvertPath::FFmpeg,
-         "Intel GPU applies"},
-        {"nvidia", true, true, true, ForcedPath::None, ConvertPath::Converter, "would drop: crop"},
-        {"", true, true, false, ForcedPath::None, ConvertPath::Export, "converter check refuses"},
-        {"NVIDIA", false, false, true, ForcedPath::None, ConvertPath::Converter,
-         "ffmpeg support check refuses"},
-        {"", false, false, false, ForcedPath::None, ConvertPath::Export, "refuses"},
-        {"Intel", false, false, false, ForcedPath::FFmpeg, ConvertPath::FFmpeg,
-         "forced with --path"},
-        {"Intel", false, false, false, ForcedPath::Converter, ConvertPath::Converter, "forced"},
-        {"Intel", false, false, false, ForcedPath::Export, ConvertPath::Export, "forced"},
-    };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         ConvertJob job;
         job.source.filePath = "in.mp4";
         job.output.video.codecName = "h264";
@@ -261,20 +193,21 @@ TEST(PathChoice, HostChoiceAsksOnlyTheChecksItNeeds)
         if (c.withCrop) {
             job.source.crop = CropParam{0, 0, 0.5, 0.5, false, false, 0};
         }
-        int ffmpegCalls = 0;
-        int transcoderCalls = 0;
+        QString asked;
         const PathDecision d = choosePath(job, c.forced,
-                                          {[&] { return ++ffmpegCalls, c.ffmpeg; },
-                                           [&] { return ++transcoderCalls, c.transcoder; },
+                                          {[&] { return asked += "ffmpeg ", c.ffmpeg; },
+                                           [&] { return asked += "converter ", c.transcoder; },
                                            [] { return QSize(1920, 1080); }});
-        const std::string label = c.gpu.toStdString() + " " + c.reasonPart;
-        EXPECT_EQ(d.path, c.path) << label;
-        EXPECT_EQ(d.intelFactory, c.gpu.startsWith("Intel")) << label;
-        EXPECT_TRUE(d.reason.startsWith("path " + pathName(c.path) + ": ")) << label;
-        EXPECT_TRUE(d.reason.contains(c.reasonPart)) << d.reason.toStdString();
+        // Forced: nothing asked; the ffmpeg path: the converter not asked.
         const bool forced = c.forced != ForcedPath::None;
-        EXPECT_EQ(ffmpegCalls, forced ? 0 : 1) << label;
-        EXPECT_EQ(transcoderCalls, forced || c.path == ConvertPath::FFmpeg ? 0 : 1) << label;
+        const QString path = QString(c.reason).section(' ', 0, 0);
+        EXPECT_TRUE(d.reason.startsWith("path " + path + ": ") && path == pathName(d.path) &&
+                    d.reason.contains(QString(c.reason).section(' ', 1)) &&
+                    asked == (forced             ? ""
+                              : path == "ffmpeg" ? "ffmpeg "
+                                                 : "ffmpeg converter ") &&
+                    d.intelFactory == c.gpu.startsWith("Intel"))
+            << d.reason.toStdString() << " " << asked.toStdString();
     }
 }
 
@@ -282,14 +215,14 @@ TEST(ProgressDisplay, FiguresAndTexts)
 {
     // fraction, elapsed, media length, ETA, speed
     const QList<QList<double>> cases = {
-        {0.25, 2000, 10000, 6000, 1.25}, {0.5, 1000, 0, 1000, -1},  {1.0, 4000, 10000, 0, 2.5},
-        {0.001, 5000, 10000, -1, -1},    {0.5, 100, 10000, -1, -1}, {1.7, 2000, 10000, 0, 5.0},
-        {-0.5, 2000, 10000, -1, -1},
+        {0.25, 2000, 10000, 6000, 1.25}, {0.5, 1000, 0, 1000, -1},   {1.0, 4000, 10000, 0, 2.5},
+        {0.5, 100, 10000, -1, -1},       {1.7, 2000, 10000, 0, 5.0}, {-0.5, 2000, 10000, -1, -1},
     };
     for (const QList<double>& c : cases) {
         const ProgressFigures f = progressFigures(c[0], qint64(c[1]), qint64(c[2]));
-        EXPECT_EQ(QList<double>({double(f.etaMs), f.speed}), c.mid(3)) << c[0] << " " << c[1];
-        EXPECT_EQ(f.fraction, qBound(0.0, c[0], 1.0));
+        EXPECT_EQ(QList<double>({f.fraction, double(f.etaMs), f.speed}),
+                  QList<double>({qBound(0.0, c[0], 1.0)}) + c.mid(3))
+            << c[0] << " " << c[1];
     }
     EXPECT_EQ(QStringList({formatClock(-1), formatClock(0), formatClock(59999), formatClock(61000),
                            formatClock(3662000)}),
@@ -299,42 +232,20 @@ TEST(ProgressDisplay, FiguresAndTexts)
     EXPECT_EQ(progressLine(f), "progress  30.0%  elapsed 00:03  ETA 00:07  speed 2.50x");
     EXPECT_EQ(progressLine(progressFigures(0, 0, 0)),
               "progress   0.0%  elapsed 00:00  ETA --:--  speed -.--x");
-    EXPECT_EQ(QList<ProgressStyle>({chooseProgressStyle(true, true, true),
-                                    chooseProgressStyle(false, true, true),
-                                    chooseProgressStyle(false, false, true),
-                                    chooseProgressStyle(false, false, false)}),
-              QList<ProgressStyle>({ProgressStyle::Json, ProgressStyle::Silent, ProgressStyle::Bar,
-                                    ProgressStyle::Lines}));
+    // A job of several is announced with its number, a single one without.
+    QBuffer human;
+    human.open(QIODevice::WriteOnly);
+    ProgressDisplay display(ProgressStyle::Lines, false, &human, nullptr);
+    display.beginJob(1, 1, "in.mp4", "out.mp4", "ffmpeg", "one", 0);
+    display.beginJob(2, 3, "in.mp4", "out.mp4", "ffmpeg", "two", 0);
+    EXPECT_EQ(human.data().toStdString(), "one\njob 2/3: two\n");
 }
 
 TEST(JobRunner, FailureReasonFromTheLog)
 {
-    EXPECT_EQ(failureReasonFromLog({"a", "ffmpeg cnv failed: x", "b"}), "ffmpeg cnv failed: x");
-    EXPECT_EQ(failureReasonFromLog({"first", " second \n line ", "  "}), "second line");
-    EXPECT_EQ(failureReasonFromLog({}), "the converter reported a failure without a reason");
-}
-
-// Each signal arrives as a Qt signal while the watcher lives; afterwards the
-// default actions are back and its descriptors closed, also when a signal
-// cannot be caught at all.
-TEST(InterruptWatcher, DeliversSignalsAndLeavesNothingBehind)
-{
-    const uint descriptors = QDir("/proc/self/fd").count();
-    {
-        InterruptWatcher watcher({SIGTERM, SIGINT}, InterruptWatcher::Delivery::Every);
-        ASSERT_TRUE(watcher.isActive());
-        QSignalSpy spy(&watcher, &InterruptWatcher::interrupted);
-        for (const int signalNumber : {SIGTERM, SIGINT, SIGTERM}) {
-            ASSERT_EQ(std::raise(signalNumber), 0);
-            ASSERT_TRUE(spy.wait(2000));
-            EXPECT_EQ(spy.takeFirst().at(0).toInt(), signalNumber);
-        }
-    }
-    EXPECT_FALSE(InterruptWatcher({SIGKILL}, InterruptWatcher::Delivery::Once).isActive());
-    for (const int signalNumber : {SIGTERM, SIGINT}) {
-        struct sigaction current = {};
-        ASSERT_EQ(sigaction(signalNumber, nullptr, &current), 0);
-        EXPECT_EQ(current.sa_handler, SIG_DFL);
-    }
-    EXPECT_EQ(QDir("/proc/self/fd").count(), descriptors);
+    EXPECT_EQ(QStringList({failureReasonFromLog({"a", "ffmpeg cnv failed: x", "b"}),
+                           failureReasonFromLog({"first", " second \n line ", "  "}),
+                           failureReasonFromLog({})}),
+              QStringList({"ffmpeg cnv failed: x", "second line",
+                           "the converter reported a failure without a reason"}));
 }
