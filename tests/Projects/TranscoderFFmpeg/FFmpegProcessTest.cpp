@@ -16,11 +16,8 @@
 
 #include <QCoreApplication>
 #include <QDir>
-#include <QFile>
 #include <QFileInfo>
-#include <QPointer>
 #include <QRegularExpression>
-#include <QSignalSpy>
 #include <QTemporaryDir>
 #include <QTest>
 
@@ -32,11 +29,6 @@ using namespace Korvane;
 
 namespace {
 
-QString fakeFFmpeg(const QString& mode)
-{
-    return QCoreApplication::applicationDirPath() + QStringLiteral("/fake-ffmpeg-") + mode;
-}
-
 // Values blank-separated: "1 5".
 template <typename List>
 QString joined(const List& values)
@@ -47,45 +39,6 @@ QString joined(const List& values)
     }
     return texts.join(' ');
 }
-
-QString valuesOf(const QSignalSpy& spy)
-{
-    QList<double> values;
-    for (const QList<QVariant>& call : spy) {
-        values << call.at(0).toDouble();
-    }
-    return joined(values);
-}
-
-// One operator on a fresh task, with a spy on each of its signals.
-struct OperatorRun
-{
-    OperatorRun(const ConvertSource& source, const AVTaskOutputParam& output)
-        : task(QSharedPointer<AVFFmpegTask>::create(source, output)),
-          op(QSharedPointer<KvFFmpegOperator>::create(task)),
-          states(std::make_unique<QSignalSpy>(op.data(), SIGNAL(ffmpegTaskStateChanged(int)))),
-          progress(std::make_unique<QSignalSpy>(op.data(), SIGNAL(ffmpegTaskProgress(double))))
-    {}
-
-    // Waits for the final state, then a little longer so that a stray later
-    // signal would be seen too.
-    bool waitForEnd()
-    {
-        const bool done = QTest::qWaitFor(
-            [this] {
-                const QString s = valuesOf(*states);
-                return (s.endsWith('5') || s.endsWith('6')) && !isHardwareTranscode();
-            },
-            20000);
-        QTest::qWait(150);
-        return done;
-    }
-
-    QSharedPointer<AVFFmpegTask> task;
-    QSharedPointer<KvFFmpegOperator> op;
-    std::unique_ptr<QSignalSpy> states;
-    std::unique_ptr<QSignalSpy> progress;
-};
 
 class FFmpegProcessTest : public ::testing::Test
 {
@@ -123,7 +76,8 @@ protected:
 
     void useFFmpeg(const QString& mode)
     {
-        KorvaneBaseEntry()->settings().setValue("kFFmpeg_Path", fakeFFmpeg(mode));
+        KorvaneBaseEntry()->settings().setValue(
+            "kFFmpeg_Path", QCoreApplication::applicationDirPath() + "/fake-ffmpeg-" + mode);
     }
 
     // The progress expected from blank-separated values: ffmpeg's out_time_us
@@ -140,16 +94,10 @@ protected:
         return joined(expected);
     }
 
-    // Runs the controller's job until `count` states arrived and no ffmpeg
-    // run is active any more, then a little longer so that late reports would
-    // be seen.
-    static void runUntil(IAVTaskOperator& op, BusRecorder& bus, int count)
+    // Waits until no ffmpeg run is active any more and a little longer, so
+    // that late reports would be seen.
+    static void settle()
     {
-        ASSERT_TRUE(op.start());
-        // Reports come through the event loop, never from inside start(),
-        // unless the fallback could not start either.
-        EXPECT_EQ(bus.states().isEmpty(), count > 1);
-        ASSERT_TRUE(bus.waitForStateCount(count));
         EXPECT_TRUE(QTest::qWaitFor([] { return !isHardwareTranscode(); }, 20000));
         QTest::qWait(300);
     }
@@ -163,57 +111,115 @@ protected:
 
 const QString kAll = "500000 1000000 1500000 2000000";
 
-TEST_F(FFmpegProcessTest, OperatorEndings)
+// What the host sees of a controller's job: ffmpeg's reports, then, after a
+// failed run, those of exactly one fallback run of the worker.
+TEST_F(FFmpegProcessTest, EndingsOfFFmpegAndOfTheFallback)
 {
     const struct
     {
-        const char* mode;
-        const char* states;
-        QString progress;
-        int outputKept; // -1: either, as the kill races ffmpeg's exit
+        const char* ffmpeg;
+        const char* worker; // empty: none where the setting points
+        float speed;        // 2.0 sends the job to the export engine
+        QString source;     // empty: the clip
+        const char* states; // what the host sees
+        QString progress;   // ffmpeg's out_time_us values, then the worker's
+        int outputKept;     // -1: either, as the kill races ffmpeg's exit
         const char* logged;
+        const char* command; // the worker command the fallback ran; empty: none
     } cases[] = {
-        {"success", "1 5", kAll + " end", 1, ""},
+        {"success", "", 1.0f, "", "1 5", kAll + " end", 1, "", ""},
         // The progress file is a folder at first: opening fails and is retried.
-        {"blocked", "1 5", kAll + " end", 1, ""},
+        {"blocked", "", 1.0f, "", "1 5", kAll + " end", 1, "", ""},
         // Half-written lines are read whole at a later poll: no spurious
         // 15 us progress, and the end marker is not lost.
-        {"torn", "1 5", "500000 1500000 end", 1, ""},
-        {"noend", "1 6", kAll, 1, ""},
-        {"fail", "1 6", "500000", 0, ""},
-        {"crash", "1 6", "500000", 0, ""},
-        {"stderr", "1 6", "500000", 0, "ffmpeg cnv failed: [h264 @ 0x1] fake error line"},
-        {"errorexit0", "1 6", kAll + " end", -1, "ffmpeg cnv failed: fake error after the end"},
-        // Stopped after its first report: a 4 at once, the killed run's 6 later.
-        {"hang", "1 4 6", "500000", 0, ""},
+        {"torn", "", 1.0f, "", "1 5", "500000 1500000 end", 1, "", ""},
+        {"noend", "", 1.0f, "", "1 6", kAll, 1, "", ""},
+        {"fail", "", 1.0f, "", "1 6", "500000", 0, "", ""},
+        {"crash", "", 1.0f, "", "1 6", "500000", 0, "", ""},
+        {"stderr", "", 1.0f, "", "1 6", "500000", 0,
+         "ffmpeg cnv failed: [h264 @ 0x1] fake error line", ""},
+        {"errorexit0", "", 1.0f, "", "1 6", kAll + " end", -1,
+         "ffmpeg cnv failed: fake error after the end", ""},
+        // An unreadable source cannot start ffmpeg; the converter check gives
+        // such a file the benefit of the doubt.
+        {"success", "success", 1.0f, mDir->filePath("missing.mp4"), "1 5", "0.25 0.5 1", 0, "",
+         "convert"},
+        {"missing", "success", 1.0f, "", "1 5", "0.25 0.5 1", 0,
+         "ffmpeg cannot be started: ", "convert"},
+        {"fail", "success", 1.0f, "", "1 1 5", "500000 0.25 0.5 1", 0, "", "convert"},
+        {"fail", "failure", 1.0f, "", "1 1 6", "500000 0.1", 0, "", "convert"},
+        {"fail", "success", 2.0f, "", "1 1 5", "500000 0.25 0.5 1", 0, "", "export"},
+        {"fail", "failure", 2.0f, "", "1 1 6", "500000 0.1", 0, "", "export"},
+        // Neither ffmpeg nor the fallback starts: the 6 comes from start().
+        {"fail", "", 1.0f, mDir->filePath("missing.mp4"), "6", "", 0, "", ""},
     };
     for (const auto& c : cases) {
-        SCOPED_TRACE(c.mode);
-        useFFmpeg(c.mode);
-        LogCapture log;
-        OperatorRun run(mSource, mOutput);
-        ASSERT_TRUE(run.op->start());
-        EXPECT_TRUE(isHardwareTranscode());
-        EXPECT_EQ(run.task->state(), TaskState::Started);
-        if (QString(c.mode) == "hang") {
-            // The first block arrives through the poll while ffmpeg still runs.
-            ASSERT_TRUE(run.progress->wait(5000));
-            EXPECT_EQ(run.task->state(), TaskState::Running);
-            run.op->stop();
-            EXPECT_FALSE(isHardwareTranscode());
-            EXPECT_EQ(run.task->state(), TaskState::Stopped);
-            EXPECT_EQ(valuesOf(*run.states), "1 4");
+        SCOPED_TRACE(std::string(c.ffmpeg) + " " + c.worker + " " + c.states + " " + c.command);
+        ScriptedWorker worker(c.worker);
+        if (!*c.worker) {
+            KorvaneBaseEntry()->settings().setValue("kWorker_Path", mDir->filePath("no-worker"));
         }
-        ASSERT_TRUE(run.waitForEnd());
+        useFFmpeg(c.ffmpeg);
+        LogCapture log;
+        mSource.speed = c.speed;
+        mSource.filePath = c.source.isEmpty() ? sClip : c.source;
+        const auto op = rawCreateNvidiaFFmpegConverter(mSource, mOutput);
+        BusRecorder bus(op->task());
+        ASSERT_TRUE(op->start());
+        // Reports come through the event loop, never from inside start().
+        EXPECT_EQ(bus.states().isEmpty(), QString(c.states) != "6");
+        ASSERT_TRUE(bus.waitForFinalState());
+        settle();
 
-        EXPECT_EQ(valuesOf(*run.states), c.states);
-        EXPECT_EQ(valuesOf(*run.progress), shares(c.progress));
-        EXPECT_EQ(QString::number(int(run.task->state())), QString(c.states).right(1));
-        EXPECT_EQ(QString::number(run.task->progress()), shares(c.progress).section(' ', -1));
+        EXPECT_EQ(joined(bus.states()), c.states);
+        EXPECT_EQ(bus.errorCodes(), QList<int>(bus.states().size(), 0));
+        EXPECT_EQ(joined(bus.progress()), shares(c.progress));
+        EXPECT_EQ(bus.progressTypes(), QList<int>(bus.progress().size(), 0));
+        EXPECT_EQ(QString::number(int(op->task()->state())), QString(c.states).right(1));
+        EXPECT_EQ(QString::number(op->task()->progress()),
+                  QString::number(bus.progress().value(bus.progress().size() - 1, 0.0)));
         if (c.outputKept >= 0) {
             EXPECT_EQ(QFileInfo::exists(mOutput.outputPath), c.outputKept == 1);
         }
-        EXPECT_TRUE(QString(c.logged).isEmpty() || log.contains(c.logged));
+        EXPECT_TRUE(log.contains(c.logged));
+        EXPECT_EQ(worker.runs(), QString(c.command).isEmpty() ? 0 : 1);
+        EXPECT_EQ(worker.arguments(1).value(0), c.command);
+        EXPECT_EQ(log.count(QString("Complete convert failed, convert type: %1, file, src: %2 "
+                                    "dst: %3.")
+                                .arg(c.speed == 1.0f ? "Codec Cpu" : "Codec Gl", mSource.filePath,
+                                     mOutput.outputPath)),
+                  QString(c.states) != "1 5" || *c.command ? 1 : 0);
+        // The export gets the timeline document of the job as its JSON form
+        // gives it back; transform names carry a process-wide counter.
+        const auto withoutCounter = [](QString document) {
+            return document.replace(QRegularExpression("(transform|2dTo3d)_\\d+"), "\\1_N");
+        };
+        const QString document = makeTimelineProjectJson(
+            convertSourceFromJson(op->task()->sourceJson()), {{"width", 320}, {"height", 240}});
+        EXPECT_EQ(withoutCounter(worker.fileContent(1, "--project")),
+                  QString(c.command) == "export" ? withoutCounter(document) : "");
+    }
+}
+
+// A stop ends ffmpeg without a fallback, or reaches the running fallback.
+TEST_F(FFmpegProcessTest, ControllerStop)
+{
+    for (const auto& [ffmpeg, states] : {std::pair{"hang", "1 4"}, {"fail", "1 1 4"}}) {
+        SCOPED_TRACE(ffmpeg);
+        ScriptedWorker worker("hang");
+        useFFmpeg(ffmpeg);
+        const auto op = rawCreateNvidiaFFmpegConverter(mSource, mOutput);
+        BusRecorder bus(op->task());
+        ASSERT_TRUE(op->start());
+        ASSERT_TRUE(bus.waitForStateCount(int(QString(states).count(' '))));
+        op->stop();
+        ASSERT_TRUE(bus.waitForFinalState());
+        // A killed ffmpeg still reports 6 afterwards; it must not reach the bus.
+        settle();
+        EXPECT_EQ(joined(bus.states()), states);
+        EXPECT_EQ(worker.runs(), QString(states).count(' ') - 1);
+        EXPECT_EQ(worker.stopped(1), worker.runs() == 1);
+        EXPECT_FALSE(QFileInfo::exists(mOutput.outputPath));
     }
 }
 
@@ -221,48 +227,44 @@ TEST_F(FFmpegProcessTest, OperatorEndings)
 // clears it, and a later start sets it again.
 TEST_F(FFmpegProcessTest, HardwareFlagIsOneFlagSharedByOverlappingRuns)
 {
-    useFFmpeg("hang");
-    OperatorRun first(mSource, mOutput);
-    ASSERT_TRUE(first.op->start());
-    useFFmpeg("success");
-    OperatorRun second(mSource, {mDir->filePath("second.mp4"), "mp4", {"h264"}, {"aac"}});
-    ASSERT_TRUE(second.op->start());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return second.states->count() == 2; }, 20000));
-    EXPECT_EQ(valuesOf(*second.states), "1 5");
-    EXPECT_FALSE(isHardwareTranscode());
-
-    useFFmpeg("hang");
-    OperatorRun third(mSource, {mDir->filePath("third.mp4"), "mp4", {"h264"}, {"aac"}});
-    ASSERT_TRUE(third.op->start());
-    EXPECT_TRUE(isHardwareTranscode());
-    third.op->stop();
-    first.op->stop();
-    ASSERT_TRUE(third.waitForEnd() && first.waitForEnd());
+    QList<QSharedPointer<IAVTaskOperator>> ops;
+    for (const char* mode : {"hang", "success", "hang"}) {
+        useFFmpeg(mode);
+        mOutput.outputPath = mDir->filePath(QString("%1.mp4").arg(ops.size()));
+        ops << rawCreateNvidiaFFmpegConverter(mSource, mOutput);
+        BusRecorder bus(ops.last()->task());
+        ASSERT_TRUE(ops.last()->start());
+        EXPECT_TRUE(isHardwareTranscode());
+        if (ops.size() == 2) {
+            ASSERT_TRUE(bus.waitForFinalState());
+            EXPECT_EQ(bus.states(), (QList<int>{1, 5}));
+            EXPECT_FALSE(isHardwareTranscode());
+        }
+    }
+    ops.first()->stop();
+    ops.last()->stop();
+    settle();
 }
 
-TEST_F(FFmpegProcessTest, OperatorOutlivesItsOwnerButNotItsDestruction)
+// The host may drop the controller while ffmpeg runs: the ffmpeg operator
+// finishes the run on its own. Destroying an unowned operator ends its run.
+TEST_F(FFmpegProcessTest, ReleasedRuns)
 {
     useFFmpeg("success");
-    OperatorRun run(mSource, mOutput);
-    ASSERT_TRUE(run.op->start());
-    QPointer<KvFFmpegOperator> watch(run.op.data());
-    run.op.reset();
-    ASSERT_FALSE(watch.isNull());
-    ASSERT_TRUE(QTest::qWaitFor([&] { return run.states->count() == 2; }, 20000));
-    EXPECT_EQ(valuesOf(*run.states), "1 5");
-    // The run's own reference goes once it has ended.
-    EXPECT_TRUE(QTest::qWaitFor([&] { return watch.isNull(); }, 5000));
-
-    // Destroying an unowned running operator ends the run.
-    useFFmpeg("hang");
-    auto op =
-        std::make_unique<KvFFmpegOperator>(QSharedPointer<AVFFmpegTask>::create(mSource, mOutput));
-    QSignalSpy states(op.get(), SIGNAL(ffmpegTaskStateChanged(int)));
+    auto op = rawCreateNvidiaFFmpegConverter(mSource, mOutput);
+    const QSharedPointer<IAVTask> task = op->task();
     ASSERT_TRUE(op->start());
-    EXPECT_TRUE(isHardwareTranscode());
     op.reset();
+    settle();
+    EXPECT_TRUE(QTest::qWaitFor([&] { return task->state() == TaskState::Finished; }, 5000));
+
+    useFFmpeg("hang");
+    auto unowned =
+        std::make_unique<KvFFmpegOperator>(QSharedPointer<AVFFmpegTask>::create(mSource, mOutput));
+    ASSERT_TRUE(unowned->start());
+    EXPECT_TRUE(isHardwareTranscode());
+    unowned.reset();
     EXPECT_FALSE(isHardwareTranscode());
-    EXPECT_EQ(valuesOf(states), "1");
 }
 
 TEST_F(FFmpegProcessTest, OperatorInfoNamesDecoderAndEncoder)
@@ -299,13 +301,14 @@ TEST_F(FFmpegProcessTest, OperatorInfoNamesDecoderAndEncoder)
         ASSERT_FALSE(mSource.filePath.isEmpty());
         mOutput.acceleration.hardwareEnabled = c.hardware;
         mOutput.acceleration.gpuName = c.gpu;
-        OperatorRun run(mSource, mOutput);
-        ASSERT_TRUE(run.op->start());
-        ASSERT_TRUE(run.waitForEnd());
-        EXPECT_EQ(run.op->operatorInfo(), QVariantMap({{"operatorName", "ConvertGpuOperator"},
-                                                       {"processMode", "FFMPEG Mode"},
-                                                       {"decoderName", c.decoder},
-                                                       {"encoderName", c.encoder}}));
+        const auto op = QSharedPointer<KvFFmpegOperator>::create(
+            QSharedPointer<AVFFmpegTask>::create(mSource, mOutput));
+        ASSERT_TRUE(op->start());
+        settle();
+        EXPECT_EQ(op->operatorInfo(), QVariantMap({{"operatorName", "ConvertGpuOperator"},
+                                                   {"processMode", "FFMPEG Mode"},
+                                                   {"decoderName", c.decoder},
+                                                   {"encoderName", c.encoder}}));
     }
 }
 
@@ -321,107 +324,6 @@ TEST_F(FFmpegProcessTest, FactoriesHandOutControllersOverACopyOfTheJob)
         EXPECT_EQ(task->source()->filePath, sClip);
         EXPECT_EQ(task->outputPath(), mOutput.outputPath);
     }
-}
-
-// What the host sees of a controller's job: ffmpeg's reports, then, after a
-// failed run, those of exactly one fallback run of the worker.
-TEST_F(FFmpegProcessTest, ControllerRelaysAndFallsBackOnce)
-{
-    const struct
-    {
-        const char* ffmpeg;
-        const char* worker;  // empty: none where the setting points
-        float speed;         // 2.0 sends the job to the export engine
-        QString source;      // empty: the clip
-        const char* states;  // what the host sees
-        QString progress;    // ffmpeg's out_time_us values, then the worker's
-        const char* command; // the worker command the fallback ran; empty: none
-    } cases[] = {
-        {"success", "success", 1.0f, "", "1 5", kAll + " end", ""},
-        // An unreadable source cannot start ffmpeg; the converter check gives
-        // such a file the benefit of the doubt.
-        {"success", "success", 1.0f, mDir->filePath("missing.mp4"), "1 5", "0.25 0.5 1", "convert"},
-        {"fail", "success", 1.0f, "", "1 1 5", "500000 0.25 0.5 1", "convert"},
-        {"fail", "failure", 1.0f, "", "1 1 6", "500000 0.1", "convert"},
-        {"stderr", "success", 1.0f, "", "1 1 5", "500000 0.25 0.5 1", "convert"},
-        {"crash", "success", 1.0f, "", "1 1 5", "500000 0.25 0.5 1", "convert"},
-        {"fail", "success", 2.0f, "", "1 1 5", "500000 0.25 0.5 1", "export"},
-        {"fail", "failure", 2.0f, "", "1 1 6", "500000 0.1", "export"},
-        // After a failed run ffmpeg's 1 was relayed before the fallback that
-        // cannot start; after a failed start the host sees only its failure.
-        {"fail", "", 1.0f, "", "1 6", "500000", ""},
-        {"fail", "", 1.0f, mDir->filePath("missing.mp4"), "6", "", ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(std::string(c.ffmpeg) + " " + c.worker + " " + c.states + " " + c.command);
-        ScriptedWorker worker(c.worker);
-        if (!*c.worker) {
-            KorvaneBaseEntry()->settings().setValue("kWorker_Path", mDir->filePath("no-worker"));
-        }
-        useFFmpeg(c.ffmpeg);
-        LogCapture log;
-        mSource.speed = c.speed;
-        mSource.filePath = c.source.isEmpty() ? sClip : c.source;
-        const auto op = rawCreateNvidiaFFmpegConverter(mSource, mOutput);
-        BusRecorder bus(op->task());
-        runUntil(*op, bus, int(QString(c.states).count(' ') + 1));
-
-        EXPECT_EQ(joined(bus.states()), c.states);
-        EXPECT_EQ(bus.errorCodes(), QList<int>(bus.states().size(), 0));
-        EXPECT_EQ(joined(bus.progress()), shares(c.progress));
-        EXPECT_EQ(bus.progressTypes(), QList<int>(bus.progress().size(), 0));
-        EXPECT_EQ(QString::number(int(op->task()->state())), QString(c.states).right(1));
-        EXPECT_EQ(worker.runs(), QString(c.command).isEmpty() ? 0 : 1);
-        EXPECT_EQ(worker.arguments(1).value(0), c.command);
-        EXPECT_EQ(log.count(QString("Complete convert failed, convert type: %1, file, src: %2 "
-                                    "dst: %3.")
-                                .arg(c.speed == 1.0f ? "Codec Cpu" : "Codec Gl", mSource.filePath,
-                                     mOutput.outputPath)),
-                  *c.command || QString(c.states) != "1 5" ? 1 : 0);
-        // The export gets the timeline document of the job as its JSON form
-        // gives it back; transform names carry a process-wide counter.
-        const auto withoutCounter = [](QString document) {
-            return document.replace(QRegularExpression("(transform|2dTo3d)_\\d+"), "\\1_N");
-        };
-        const QString document = makeTimelineProjectJson(
-            convertSourceFromJson(op->task()->sourceJson()), {{"width", 320}, {"height", 240}});
-        EXPECT_EQ(withoutCounter(worker.fileContent(1, "--project")),
-                  QString(c.command) == "export" ? withoutCounter(document) : "");
-    }
-}
-
-// A stop ends ffmpeg without a fallback, or reaches the running fallback.
-TEST_F(FFmpegProcessTest, ControllerStop)
-{
-    for (const auto& [ffmpeg, states] : {std::pair{"hang", "1 4"}, {"fail", "1 1 4"}}) {
-        SCOPED_TRACE(ffmpeg);
-        ScriptedWorker worker("hang");
-        useFFmpeg(ffmpeg);
-        const auto op = rawCreateNvidiaFFmpegConverter(mSource, mOutput);
-        BusRecorder bus(op->task());
-        ASSERT_TRUE(op->start());
-        ASSERT_TRUE(bus.waitForStateCount(int(QString(states).count(' '))));
-        op->stop();
-        ASSERT_TRUE(bus.waitForFinalState());
-        // A killed ffmpeg still reports 6 afterwards; it must not reach the bus.
-        EXPECT_TRUE(QTest::qWaitFor([] { return !isHardwareTranscode(); }, 20000));
-        QTest::qWait(300);
-        EXPECT_EQ(joined(bus.states()), states);
-        EXPECT_EQ(worker.runs(), QString(states).count(' ') - 1);
-        EXPECT_EQ(worker.stopped(1), worker.runs() == 1);
-    }
-}
-
-TEST_F(FFmpegProcessTest, HostMayDropTheControllerWhileFFmpegRuns)
-{
-    useFFmpeg("success");
-    auto op = rawCreateNvidiaFFmpegConverter(mSource, mOutput);
-    const QSharedPointer<IAVTask> task = op->task();
-    ASSERT_TRUE(op->start());
-    op.reset();
-    // The ffmpeg operator finishes the run on its own and then goes.
-    EXPECT_TRUE(QTest::qWaitFor([] { return !isHardwareTranscode(); }, 20000));
-    EXPECT_TRUE(QTest::qWaitFor([&] { return task->state() == TaskState::Finished; }, 5000));
 }
 
 } // namespace
