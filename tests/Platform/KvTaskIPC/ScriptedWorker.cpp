@@ -14,9 +14,7 @@
 #include <iostream>
 #include <string>
 
-#ifdef Q_OS_UNIX
 #include <sys/resource.h>
-#endif
 
 namespace {
 
@@ -55,11 +53,9 @@ int play(const QString& name, const QString& command, const QDir& records, int r
             std::fprintf(stderr, "scripted worker: working on %s\n", qPrintable(command));
             std::fflush(stderr);
         } else if (step == "ABORT") {
-#ifdef Q_OS_UNIX
             // No core file for an intended crash.
             const rlimit none{0, 0};
             setrlimit(RLIMIT_CORE, &none);
-#endif
             std::abort();
         } else if (step.startsWith("EXIT")) {
             return step.mid(4).toInt();
