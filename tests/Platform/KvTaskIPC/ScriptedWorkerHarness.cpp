@@ -6,8 +6,6 @@
 #include <QDir>
 #include <QFile>
 
-#include <algorithm>
-
 ScriptedWorker::ScriptedWorker(const QString& behaviour)
 {
     qputenv("KORVANE_SCRIPTED_WORKER", behaviour.toUtf8());
@@ -38,21 +36,9 @@ QString ScriptedWorker::fileContent(int n, const QString& option) const
     return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
 }
 
-QStringList ScriptedWorker::jobPaths(int n) const
-{
-    const QStringList args = arguments(n);
-    return {args.value(2), args.value(4)};
-}
-
 bool ScriptedWorker::stopped(int n) const
 {
     return QFile::exists(mRecords.filePath(QStringLiteral("stopped-%1").arg(n)));
-}
-
-bool allGone(const QStringList& paths)
-{
-    return std::none_of(paths.begin(), paths.end(),
-                        [](const QString& p) { return QFile::exists(p); });
 }
 
 BusRecorder::BusRecorder(const QSharedPointer<Korvane::IAVTask>& task)

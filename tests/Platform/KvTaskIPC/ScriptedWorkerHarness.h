@@ -19,18 +19,14 @@ public:
 
     int runs() const;
     // Run n (1-based): the command line, the job file given after `option`
-    // as the run found it, the job file paths, whether it received "stop".
+    // as the run found it, whether it received "stop".
     QStringList arguments(int n) const;
     QString fileContent(int n, const QString& option) const;
-    QStringList jobPaths(int n) const;
     bool stopped(int n) const;
 
 private:
     QTemporaryDir mRecords;
 };
-
-// True when none of the paths exists (job files removed after a run).
-bool allGone(const QStringList& paths);
 
 // The bus signals of a task, read back as plain values.
 class BusRecorder
@@ -42,8 +38,7 @@ public:
     QList<int> errorCodes() const { return column<int>(mStates, 1); }
     QList<double> progress() const { return column<double>(mProgress, 1); }
 
-    // Run the event loop until a final state (4 or more) or `count` states
-    // have arrived.
+    // Run the event loop until a final state (4 or more) or `count` states.
     bool waitForFinalState(int timeoutMs = 20000);
     bool waitForStateCount(int count, int timeoutMs = 20000);
 

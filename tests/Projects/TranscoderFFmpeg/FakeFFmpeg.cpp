@@ -1,11 +1,9 @@
-// A stand-in for the ffmpeg program, built once per behaviour (FAKE_FFMPEG_MODE).
-// Like the real one it takes the progress file from "-progress PATH" and the
-// output from the last argument; it writes a small output file and the
-// arguments it received (to OUTPUT.args), then plays its part: success, noend
-// (no end marker), fail, stderr (an error line, then waits to be killed),
-// errorexit0 (an error line, exit 0), hang, crash, blocked (a folder stands
-// where the progress file belongs for a while) and torn (lines left
-// half-written across several polls).
+// A stand-in for ffmpeg, built once per behaviour (FAKE_FFMPEG_MODE): it writes
+// its progress to "-progress PATH" and a small file to the last argument, then
+// plays its part: success, noend (no end marker), fail, stderr (an error line,
+// then waits to be killed), errorexit0 (an error line, exit 0), hang, crash,
+// blocked (a folder holds the progress file's place a while), torn (lines
+// left half-written across several polls).
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -43,15 +41,7 @@ int main(int argc, char** argv)
     for (size_t i = 0; i + 1 < args.size(); ++i) {
         progress = args[i] == "-progress" ? args[i + 1] : progress;
     }
-    if (progress.empty()) {
-        return 2;
-    }
     std::ofstream(args.back(), std::ios::binary) << "fake output";
-    std::ofstream list(args.back() + ".args");
-    for (const std::string& a : args) {
-        list << a << "\n";
-    }
-    list.close();
 
     if (kMode == "blocked") {
         std::filesystem::create_directory(progress);

@@ -1,6 +1,5 @@
 // korvane-convert driven as a user or script drives it: through its command
-// line, on generated media, with each mode's output compared to the libraries
-// called directly.
+// line, on generated media.
 #include "Common/JsonForms.h"
 #include "Common/TimelineProject.h"
 #include "KorvaneBase/KorvaneBase.h"
@@ -33,14 +32,9 @@ struct Result
     QStringList errLines() const { return QString::fromUtf8(err).split('\n', Qt::SkipEmptyParts); }
 };
 
-Result convert(const QStringList& arguments, const QString& sysfsRoot = {})
+Result convert(const QStringList& arguments)
 {
     QProcess process;
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    if (!sysfsRoot.isEmpty()) {
-        environment.insert("KORVANE_SYSFS_ROOT", sysfsRoot);
-    }
-    process.setProcessEnvironment(environment);
     process.start(KORVANE_CONVERT_PROGRAM, arguments);
     Result result;
     if (!process.waitForFinished(120000) || process.exitStatus() != QProcess::NormalExit) {
@@ -63,12 +57,6 @@ QString clip(int width = 640, int height = 360, int seconds = 3)
          "libx264", "-preset", "ultrafast", "-pix_fmt", "yuv420p", "-c:a", "aac", "-shortest"});
 }
 
-QString watermark()
-{
-    return TestMedia::generate("korvane-convert/mark 64x32.png",
-                               {"-f", "lavfi", "-i", "color=c=red:size=64x32", "-frames:v", "1"});
-}
-
 QString writeFile(const QString& path, const QByteArray& content)
 {
     QFile file(path);
@@ -77,8 +65,7 @@ QString writeFile(const QString& path, const QByteArray& content)
     return path;
 }
 
-// A job file written straight from the library's writers, independent of the
-// program's own job-file code.
+// A job file written by the library's writers, not the program's own code.
 QString writeJob(const QString& path, const ConvertSource& source, const AVTaskOutputParam& output)
 {
     const QVariantMap map{
@@ -87,8 +74,7 @@ QString writeJob(const QString& path, const ConvertSource& source, const AVTaskO
     return writeFile(path, variantMapToJson(map, true).toUtf8());
 }
 
-// The timeline builder numbers "transform_N" and "2dTo3d_N" with a counter
-// that lives as long as the process.
+// Transform ids carry a counter that lives as long as the process.
 std::string withoutCountedIds(const QByteArray& document)
 {
     static const QRegularExpression counted(QStringLiteral("\"(transform|2dTo3d)_\\d+\""));
@@ -126,7 +112,9 @@ protected:
         source->selfAudios = {1};
         source->crop = CropParam{0.25, 0.25, 0.5, 0.5, false, false, 0};
         source->waterMark = {WaterMarkParam()};
-        source->waterMark[0].filePath = watermark();
+        source->waterMark[0].filePath =
+            TestMedia::generate("korvane-convert/mark 64x32.png",
+                                {"-f", "lavfi", "-i", "color=c=red:size=64x32", "-frames:v", "1"});
         source->waterMark[0].centerPos = QPoint(100, 50);
         *output = {mDir.filePath(name + ".mp4"),
                    "mp4",
@@ -142,8 +130,7 @@ protected:
 } // namespace
 
 // Usage errors exit 2 with one line, unreadable media exit 1; nothing is
-// written. The checks that keep a job from destroying a file or passing an
-// option show up as the usage error naming what was refused.
+// written. A refused output or job field is a usage error naming it.
 TEST_F(KorvaneConvert, UsageAndInputErrorsGiveOneLineAndTheRightExitCode)
 {
     const QString notMedia = writeFile(mDir.filePath("notes.mp4"), "this is not a video\n");
@@ -235,9 +222,8 @@ TEST_F(KorvaneConvert, JobsRunOnThePathTheirEditsNeed)
     EXPECT_TRUE(r.err.contains("(path converter): scripted failure"));
 }
 
-// Ctrl-C stops the run, removes the output and exits 130, on the ffmpeg path
-// and with a worker. A host killed outright cannot stop its worker: the worker
-// notices on its own, stops and removes its partial output.
+// Ctrl-C stops the run, removes the output and exits 130, on both paths. The
+// worker of a host killed outright stops on its own and removes its output.
 TEST_F(KorvaneConvert, InterruptedRunsLeaveNoOutput)
 {
     const QString input = clip(1280, 720, 60);
