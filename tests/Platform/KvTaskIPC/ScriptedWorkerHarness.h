@@ -3,10 +3,7 @@
 #include "Common/IAVTask.h"
 #include "Common/TaskSignalBus.h"
 
-#include <QList>
-#include <QSharedPointer>
 #include <QSignalSpy>
-#include <QString>
 #include <QTemporaryDir>
 
 // Points "kWorker_Path" at the scripted worker and chooses its behaviour for
