@@ -188,7 +188,6 @@ protected:
             EXPECT_EQ(int(op->task()->state()), bus.states().value(bus.states().size() - 1));
         }
         op.reset();
-        // Operators let go of themselves through the event loop.
         QTest::qWait(100);
         QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         return {bus.states(), bus.errorCodes(), bus.progress(), quietStart};
@@ -323,19 +322,22 @@ TEST_F(ProcessTest, EndingsOfFFmpegAndOfTheFallback)
     }
 }
 
-// The operator names the decoder it probed and the encoder it chose for the GPU.
-TEST_F(ProcessTest, OperatorInfoNamesDecoderAndEncoder)
+// The operator names the decoder it probed and the encoder it chose for the
+// GPU, and clears the run flag itself when ffmpeg fails.
+TEST_F(ProcessTest, OperatorInfoAndRunFlag)
 {
-    useFFmpeg("success");
     mOutput.acceleration = {"", true, "NVIDIA GeForce RTX 3060"};
-    const auto op = QSharedPointer<KvFFmpegOperator>::create(
-        QSharedPointer<AVFFmpegTask>::create(mSource, mOutput));
-    ASSERT_TRUE(op->start());
-    settle();
-    EXPECT_EQ(op->operatorInfo(), QVariantMap({{"operatorName", "ConvertGpuOperator"},
-                                               {"processMode", "FFMPEG Mode"},
-                                               {"decoderName", "H264"},
-                                               {"encoderName", "H264_nvenc"}}));
+    for (const QString mode : {"success", "fail"}) {
+        useFFmpeg(mode);
+        const auto op = QSharedPointer<KvFFmpegOperator>::create(
+            QSharedPointer<AVFFmpegTask>::create(mSource, mOutput));
+        ASSERT_TRUE(op->start());
+        settle();
+        EXPECT_EQ(op->operatorInfo(), QVariantMap({{"operatorName", "ConvertGpuOperator"},
+                                                   {"processMode", "FFMPEG Mode"},
+                                                   {"decoderName", "H264"},
+                                                   {"encoderName", "H264_nvenc"}}));
+    }
 }
 
 using MakeInput = std::function<QString(const QString& dir)>;

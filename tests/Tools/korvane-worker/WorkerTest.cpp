@@ -82,7 +82,6 @@ QByteArray project(const QString& clip, qint64 lengthMs, int w, int h)
     return QJsonDocument(document(w, h, 25, QJsonArray{main})).toJson();
 }
 
-// The output and any temporary file named after it.
 QStringList filesNamedAfter(const QString& output)
 {
     const QFileInfo info(output);
