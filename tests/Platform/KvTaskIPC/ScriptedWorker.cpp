@@ -1,9 +1,7 @@
 // A stand-in for the worker program that plays the script named by
-// KORVANE_SCRIPTED_WORKER, so the out-of-process operators can be tested
-// without a real converter:  scripted-worker <command> --<option> FILE ...
-// Every run n leaves in KORVANE_SCRIPTED_WORKER_DIR its arguments (run-<n>, one
-// a line), a copy of each job file as found (run-<n>--option), and stopped-<n>
-// when it received "stop".
+// KORVANE_SCRIPTED_WORKER. Every run n leaves in KORVANE_SCRIPTED_WORKER_DIR its
+// arguments (run-<n>, one a line), a copy of each job file as found
+// (run-<n>--option), and stopped-<n> when it received "stop".
 #include <QDir>
 #include <QFile>
 #include <QHash>
@@ -14,21 +12,16 @@
 #include <iostream>
 #include <string>
 
-#ifdef Q_OS_UNIX
 #include <sys/resource.h>
-#endif
 
 namespace {
 
 // Lines go to standard output as they are; "|" splits one message into two
 // pieces that reach the reader apart; the words in capitals are actions.
-const QStringList kSuccess{"WORKING",
-                           "{\"state\":1}",
-                           "this line is not a message",
-                           "{\"progress\":0.25}",
-                           "{\"progr|ess\":0.5}",
-                           "{\"progress\":1.0}",
-                           "{\"state\":5}"};
+const QStringList kSuccess = QString("WORKING;{\"state\":1};this line is not a message;"
+                                     "{\"progress\":0.25};{\"progr|ess\":0.5};"
+                                     "{\"progress\":1.0};{\"state\":5}")
+                                 .split(';');
 const QStringList kCrash{"{\"state\":1}", "{\"progress\":0.3}", "ABORT"};
 const QHash<QString, QStringList> kScripts{
     {"success", kSuccess},
@@ -55,11 +48,9 @@ int play(const QString& name, const QString& command, const QDir& records, int r
             std::fprintf(stderr, "scripted worker: working on %s\n", qPrintable(command));
             std::fflush(stderr);
         } else if (step == "ABORT") {
-#ifdef Q_OS_UNIX
             // No core file for an intended crash.
             const rlimit none{0, 0};
             setrlimit(RLIMIT_CORE, &none);
-#endif
             std::abort();
         } else if (step.startsWith("EXIT")) {
             return step.mid(4).toInt();

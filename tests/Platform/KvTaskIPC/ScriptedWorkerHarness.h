@@ -3,13 +3,8 @@
 #include "Common/IAVTask.h"
 #include "Common/TaskSignalBus.h"
 
-#include <QList>
-#include <QSharedPointer>
 #include <QSignalSpy>
-#include <QString>
 #include <QTemporaryDir>
-
-#include <functional>
 
 // Points "kWorker_Path" at the scripted worker and chooses its behaviour for
 // the processes started while it lives; reads back what each run recorded.
@@ -18,25 +13,17 @@ class ScriptedWorker
 public:
     explicit ScriptedWorker(const QString& behaviour);
     ~ScriptedWorker();
-    ScriptedWorker(const ScriptedWorker&) = delete;
-    ScriptedWorker& operator=(const ScriptedWorker&) = delete;
 
-    // Worker processes started so far.
     int runs() const;
-    // Run n (1-based): the command line, the content of the job file named
-    // after `option`, the job file paths, whether it received "stop".
+    // Run n (1-based): the command line, the job file given after `option`
+    // as the run found it, whether it received "stop".
     QStringList arguments(int n) const;
     QString fileContent(int n, const QString& option) const;
-    QStringList jobPaths(int n) const;
     bool stopped(int n) const;
 
 private:
-    QString record(const QString& name) const;
     QTemporaryDir mRecords;
 };
-
-// True when none of the paths exists (job files removed after a run).
-bool allGone(const QStringList& paths);
 
 // The bus signals of a task, read back as plain values.
 class BusRecorder
@@ -47,12 +34,9 @@ public:
     QList<int> states() const { return column<int>(mStates, 0); }
     QList<int> errorCodes() const { return column<int>(mStates, 1); }
     QList<double> progress() const { return column<double>(mProgress, 1); }
-    QList<int> progressTypes() const { return column<int>(mProgress, 0); }
 
-    // Run the event loop until a state of 4 or more, `state`, or `count`
-    // states have arrived.
+    // Run the event loop until a final state (4 or more) or `count` states.
     bool waitForFinalState(int timeoutMs = 20000);
-    bool waitForState(int state, int timeoutMs = 20000);
     bool waitForStateCount(int count, int timeoutMs = 20000);
 
 private:
@@ -65,7 +49,6 @@ private:
         }
         return list;
     }
-    bool waitUntil(const std::function<bool()>& done, int timeoutMs);
 
     QSharedPointer<Korvane::TaskSignalBus> mBus;
     QSignalSpy mStates;
