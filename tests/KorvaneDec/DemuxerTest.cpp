@@ -54,6 +54,9 @@ TEST(FFDemuxer, OpensEachInputByItsOwnPathOrFailsWithARecord)
         EXPECT_TRUE(opened ? path.endsWith(".vob") || qAbs(demuxer.durationMs() - 2000) < 150
                            : !demuxer.mediaInfo() && !demuxer.readPacket());
     }
+    // The transport stream muxer starts its clock 1.4 s in.
+    ASSERT_TRUE(demuxer.open(ProbeMedia::h264("ts")));
+    EXPECT_EQ(demuxer.mediaInfo()->startTimeMs, 1400);
 }
 
 TEST(ResourcePath, ReadsAndSeeksThroughCustomIo)

@@ -117,6 +117,7 @@ TEST(ProjectRenderer, EachRenderLeavesItsStreamsOrItsReason)
         {{clip(noisy.fileName(), 0, 3000)},
          output("damaged.m4a", "ipod"),
          "aac 48000 2, cover; 0 pictures, 3.0 s"},
+        {{clip(sound, 0, 0)}, output("bad.mp4"), "nothing to play"},
         {{clip(sound, 0, 1000), lost}, output("bad.mp4"), missing},
         {{clip("/nonexistent/clip.mp4", 0, 1000)}, output("bad.mp4"), "/nonexistent/clip.mp4"},
         {{clip(sound, 0, 1000)}, output("bad.mp4", "mp4", "aac", "nosuchcodec"), "nosuchcodec"},

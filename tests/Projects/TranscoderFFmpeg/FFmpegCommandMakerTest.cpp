@@ -271,8 +271,8 @@ TEST(FFmpegCommand, CrfQualityAndMuxers)
     }
     const char* const muxers[][2] = {
         {"mkv", "matroska"}, {"wmv", "asf"}, {"flv", "f4v"},         {"m2ts", "mpegts"},
-        {"m4a", "ipod"},     {"aac", "mp4"}, {"youtube", "youtube"}, {"", ""},
-        {"matroska", ""},    {"mp4 ", ""},
+        {"m4a", "ipod"},     {"aac", "mp4"}, {"youtube", "youtube"}, {"f4v", "f4v"},
+        {"hevc2", "hevc2"},  {"", ""},       {"matroska", ""},       {"mp4 ", ""},
     };
     for (const auto& row : muxers) {
         EXPECT_EQ(muxerName(QString(row[0]).toUpper()), QString(row[1])) << row[0];
@@ -451,10 +451,10 @@ TEST(FilterGraph, Watermarks)
          cudaVideo + cudaHalf + "1[mark1];[video][mark1]overlay=x=540:y=150",
          qsvVideo + ",vpp_qsv=cx=0:cy=0:cw=175:ch=100[mark1];[video][mark1]overlay_qsv=x=540:y=150:"
                     "w=420:h=240:alpha=255"},
-        // Touching the right edge is not past it: nothing is cut.
-        {"size=960x540;mark=/wm/wide.png,480,0,1,0.5",
-         cudaVideo + cudaHalf + "1[mark1];[video][mark1]overlay=x=480:y=150",
-         qsvVideo + "[mark1];[video][mark1]overlay_qsv=x=480:y=150:w=480:h=240:alpha=255"},
+        // Touching the right and bottom edges is not past them: nothing is cut.
+        {"size=960x540;mark=/wm/wide.png,480,-300,1,0.5",
+         cudaVideo + cudaHalf + "1[mark1];[video][mark1]overlay=x=480:y=300",
+         qsvVideo + "[mark1];[video][mark1]overlay_qsv=x=480:y=300:w=480:h=240:alpha=255"},
     };
     for (const Row& r : rows) {
         expectGraphs(r);
