@@ -34,6 +34,7 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
 #include <functional>
 #include <memory>
 
@@ -567,6 +568,47 @@ TEST_F(ProcessTest, FullDiskFailsCleanly)
     EXPECT_TRUE(QDir(mountPoint).entryList(QDir::AllEntries | QDir::NoDotAndDotDot).isEmpty());
     EXPECT_TRUE(log.contains("worker failed: "));
     EXPECT_EQ(QProcess::execute("umount", {mountPoint}), 0);
+}
+
+// The worker this process started, 0 when none runs.
+pid_t workerPid()
+{
+    QFile children(QStringLiteral("/proc/%1/task/%1/children").arg(getpid()));
+    if (children.open(QIODevice::ReadOnly)) {
+        for (const QByteArray& pid : children.readAll().split(' ')) {
+            QFile comm("/proc/" + pid.trimmed() + "/comm");
+            if (comm.open(QIODevice::ReadOnly) && comm.readAll().trimmed() == "korvane-worker") {
+                return pid.trimmed().toInt();
+            }
+        }
+    }
+    return 0;
+}
+
+// Both worker runs of a fallback killed while they write: the job fails once,
+// and neither an unfinished file nor a temporary of it shows at the output.
+TEST_F(ProcessTest, WorkerKilledWhileWritingLeavesNothing)
+{
+    useFFmpeg("fail");
+    mSource.filePath = sLongClip;
+    LogCapture log;
+    const Seen seen = runJob(mSource, [](IAVTaskOperator& op) {
+        BusRecorder bus(op.task());
+        for (int run = 1; run <= 2; ++run) {
+            pid_t pid = 0;
+            ASSERT_TRUE(QTest::qWaitFor([&] { return (pid = workerPid()) != 0; }, 60000));
+            const qsizetype before = bus.progress().size();
+            ASSERT_TRUE(QTest::qWaitFor([&] { return bus.progress().size() > before; }, 60000));
+            ASSERT_EQ(::kill(pid, SIGKILL), 0);
+            ASSERT_TRUE(QTest::qWaitFor([&] { return workerPid() != pid; }, 10000));
+        }
+    });
+    EXPECT_EQ(seen.states.count(6), 1);
+    EXPECT_EQ(seen.states.value(seen.states.size() - 1), 6);
+    expectOutputMatches(6);
+    EXPECT_EQ(QDir(mDir->path()).entryList({"result.mp4*"}, QDir::Files | QDir::Hidden),
+              QStringList());
+    EXPECT_EQ(log.count("the worker crashed without reporting a result"), 2);
 }
 
 // The whole fallback for real: without ffmpeg the worker converts the job.
