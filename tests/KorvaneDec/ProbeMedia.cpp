@@ -99,14 +99,6 @@ QString tenBit(const QString& codec)
                                args(video(1) + encoder + " -pix_fmt yuv420p10le"));
 }
 
-QString mp3WithCover()
-{
-    return TestMedia::generate(
-        "probe/cover.mp3", args(tone(2) + "-f lavfi -i color=c=red:size=64x64:duration=1 -map 0 "
-                                          "-map 1 -c:a libmp3lame -c:v png -frames:v 1 "
-                                          "-disposition:v attached_pic -id3v2_version 3"));
-}
-
 QString concatenatedVob(int seconds)
 {
     const QString part = TestMedia::generate(
@@ -145,11 +137,6 @@ QString randomBytes(const QString& suffix)
         c = static_cast<char>(generator.bounded(256));
     }
     return writeFile("probe/random." + suffix, bytes);
-}
-
-QString unusualName()
-{
-    return copyAs(h264("mp4"), QString::fromUtf8("probe/clip with spaces ÄÖü ünïcødé.mp4"));
 }
 
 } // namespace ProbeMedia

@@ -13,7 +13,6 @@ QString hevc(const QString& suffix);
 QString rotatedH264(int degrees);     // 1 s, a counter-clockwise display matrix
 QString anamorphicH264();             // a sample aspect ratio of 64:45
 QString tenBit(const QString& codec); // "h264" or "hevc", in MP4
-QString mp3WithCover();               // with a PNG as an attached picture
 // Two runs of `seconds` of MPEG-2 and MP2 in a program stream (.vob), the
 // timestamps starting again at the second.
 QString concatenatedVob(int seconds);
@@ -22,7 +21,6 @@ QString hiddenProgramStream(const QString& suffix);
 QString truncatedMp4(); // the first half: the moov box at the end is lost
 QString emptyFile();
 QString randomBytes(const QString& suffix);
-QString unusualName(); // the H.264 MP4 under spaces and non-ASCII letters
 // Copies `source` to `target` (relative to the media folder) unless present.
 QString copyAs(const QString& source, const QString& target);
 

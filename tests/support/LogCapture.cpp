@@ -37,9 +37,3 @@ int LogCapture::count(const QString& text) const
     }
     return n;
 }
-
-void LogCapture::clear()
-{
-    QMutexLocker lock(&mMutex);
-    mEntries.clear();
-}

@@ -20,7 +20,6 @@ public:
     bool contains(const QString& text) const;
     // Records whose text contains `text`.
     int count(const QString& text) const;
-    void clear();
 
 private:
     mutable QMutex mMutex;

@@ -4,7 +4,10 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QProcess>
+#include <QSaveFile>
 #include <QUuid>
+
+#include <cstdio>
 
 namespace TestMedia {
 
@@ -65,15 +68,17 @@ QString generate(const QString& path, const QStringList& args)
         QFile::remove(temporary);
         return {};
     }
-    QFile::remove(target);
-    if (!QFile::rename(temporary, target)) {
+    // rename(2) replaces an older file in one step: a test process reading it
+    // meanwhile sees the old file or the new one, never none.
+    if (std::rename(QFile::encodeName(temporary).constData(),
+                    QFile::encodeName(target).constData()) != 0) {
         QFile::remove(temporary);
-        if (!QFileInfo::exists(target)) {
-            return {};
-        }
+        return {};
     }
-    if (recipeFile.open(QIODevice::WriteOnly)) {
-        recipeFile.write(recipe);
+    QSaveFile recipeOut(recipeFile.fileName());
+    if (recipeOut.open(QIODevice::WriteOnly)) {
+        recipeOut.write(recipe);
+        recipeOut.commit();
     }
     return target;
 }

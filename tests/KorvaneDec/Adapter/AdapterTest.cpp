@@ -8,6 +8,8 @@
 #include "PictureSubtitleWriter.h"
 #include "TestMedia.h"
 
+#include <QDir>
+
 #include <optional>
 
 #include <gtest/gtest.h>
@@ -126,6 +128,7 @@ TEST(BitmapSubtitleTrack, CueChangesShowClearAndReplace)
 TEST(BitmapSubtitleTrack, ReadsCuesAsPicturesOnTheTimeline)
 {
     QString error;
+    QDir().mkpath(TestMedia::dir() + "/adapter");
     const auto write = [&](const QString& name, const QSize& plane, const char* codec) {
         const QString path = TestMedia::dir() + "/adapter/" + name;
         EXPECT_TRUE(SubtitleTest::writePictureSubtitles(

@@ -114,7 +114,6 @@ Probe probe(const QString& path, bool countFrames)
         } else if (type == "video") {
             p.width = s["width"].toInt();
             p.height = s["height"].toInt();
-            p.videoDuration = s["duration"].toString().toDouble();
             // Counted by decoding when asked for, else as the container states.
             p.videoFrames = s[countFrames ? "nb_read_frames" : "nb_frames"].toString().toInt();
             const QStringList rate = s["avg_frame_rate"].toString().split('/');
@@ -160,17 +159,6 @@ double ssim(const QString& a, const QString& b)
 {
     return logged({"-i", a, "-i", b, "-lavfi", "[0:v][1:v]ssim", "-f", "null", "-"},
                   "All:([0-9.]+)", -1.0);
-}
-
-double meanVolume(const QString& path, double startS, double lengthS)
-{
-    QStringList args{"-ss", QString::number(startS), "-i", path};
-    if (lengthS > 0) {
-        args << "-t" << QString::number(lengthS);
-    }
-    // -inf for silence
-    return logged(args + QStringList{"-vn", "-af", "volumedetect", "-f", "null", "-"},
-                  "mean_volume: (-?[0-9.]+) dB", -200.0);
 }
 
 double pictureDifference(const QString& a, const QString& b, double atS, const QRect& r)

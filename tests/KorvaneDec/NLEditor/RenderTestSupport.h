@@ -29,7 +29,6 @@ struct Probe
     int width = 0;
     int height = 0;
     double formatDuration = 0.0; // seconds
-    double videoDuration = 0.0;
     double audioDuration = 0.0;
     int videoFrames = 0;
     int audioStreams = 0;
@@ -43,8 +42,6 @@ Probe probe(const QString& path, bool countFrames = false);
 bool packetTimesIncrease(const QString& path);
 // SSIM ("All") of two videos of the same size, over their common frames.
 double ssim(const QString& a, const QString& b);
-// Mean volume in dB of the first audio stream, optionally of a time window.
-double meanVolume(const QString& path, double startS = 0.0, double lengthS = -1.0);
 // Mean absolute difference (0..255) of the RGB pictures of two files at a
 // time, in a rectangle.
 double pictureDifference(const QString& a, const QString& b, double atS, const QRect& r);

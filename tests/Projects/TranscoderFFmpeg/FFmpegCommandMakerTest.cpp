@@ -113,11 +113,12 @@ Job job(const QString& changes = {})
         } else if (key == "output") {
             j.param.outputPath = value;
         } else if (key == "mark") { // path, centre x and y, alpha, scale
+            const QStringList m = value.split(',');
             WaterMarkParam mark;
-            mark.filePath = numbers[0];
-            mark.centerPos = QPoint(int(n(1)), int(n(2)));
-            mark.alpha = float(n(3));
-            mark.scaleX = mark.scaleY = float(n(4));
+            mark.filePath = m.value(0);
+            mark.centerPos = QPoint(m.value(1).toInt(), m.value(2).toInt());
+            mark.alpha = m.value(3).toFloat();
+            mark.scaleX = mark.scaleY = m.value(4).toFloat();
             j.source.waterMark << mark;
         } else if (key == "picture") { // input width, height, rotation, sample aspect ratio
             j.facts.info = facts("h264", int(n(0)), int(n(1)), true, n(2), int(n(3)),

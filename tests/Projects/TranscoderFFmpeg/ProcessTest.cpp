@@ -289,7 +289,13 @@ TEST_F(ProcessTest, EndingsOfFFmpegAndOfTheFallback)
         const bool stop = QString(c.states).endsWith('4');
         const Seen seen = runJob(mSource, [&](IAVTaskOperator& op) {
             if (stop) {
-                QTest::qWait(1500);
+                // Once ffmpeg has reported, and the fallback, when there is one, runs.
+                BusRecorder bus(op.task());
+                EXPECT_TRUE(QTest::qWaitFor(
+                    [&] {
+                        return !bus.progress().isEmpty() && worker.runs() == (*c.command ? 1 : 0);
+                    },
+                    60000));
                 op.stop();
             }
         });
@@ -302,7 +308,7 @@ TEST_F(ProcessTest, EndingsOfFFmpegAndOfTheFallback)
         if (c.outputKept >= 0) {
             EXPECT_EQ(QFileInfo::exists(mOutput.outputPath), c.outputKept == 1);
         }
-        EXPECT_TRUE(log.contains(c.logged));
+        EXPECT_TRUE(!*c.logged || log.contains(c.logged));
         EXPECT_EQ(worker.runs(), QString(c.command).isEmpty() ? 0 : 1);
         EXPECT_EQ(worker.arguments(1).value(0), c.command);
         EXPECT_EQ(worker.stopped(1), stop && *c.command);

@@ -55,8 +55,9 @@ TEST(CommandLine, FlagJobs)
          "begin':5000,'range_length':1000}] 'metaData':{'artist':'','title':'Hello=World'},"
          "'selfAudios':[2,4],'selfSubtitles':[{'index':3, 'speed':1.5"},
         // Rotation or flips alone carry a crop of the whole picture.
-        {"a.mp4 b.mp4 --rotate 90 --flip v", "'crop':{'cropH':1,'cropW':1,'cropX':0,'cropY':0,'"
-                                             "flipX':false,'flipY':true,'rotation':90}"},
+        {"a.mp4 b.mp4 --vcodec h264 --rotate 90 --flip v",
+         "'crop':{'cropH':1,'cropW':1,'cropX':0,'cropY':0,'"
+         "flipX':false,'flipY':true,'rotation':90}"},
     };
     for (const auto& [line, expected] : cases) {
         const ParsedCommandLine parsed = parse(line);
