@@ -22,7 +22,10 @@ set(KORVANE_LIBRARY_INTERFACES
     "KorvaneDec|Dec|"
     "KvMediaInfo|KvMediaInfo|KvMediaInfo.h KvMediaInfoExport.h"
     "KorvaneGPUHardwareAcceleration|GPUHardwareAcceleration|KorvaneGPUHardwareAcceleration.h KorvaneGPUHardwareAccelerationExport.h GpuDetection.h"
-    "KorvaneCommon|Common|AVFFmpegTask.h AVTaskOutputParam.h CommonExport.h ConvertSource.h IAVTask.h IAVTaskOperator.h JsonForms.h TaskSignalBus.h TaskTypes.h"
+    "KorvaneRecords|Records|AVTaskOutputParam.h ConvertSource.h JsonForms.h RecordsExport.h"
+    "KorvaneTask|Task|AVFFmpegTask.h IAVTask.h IAVTaskOperator.h TaskExport.h TaskSignalBus.h TaskTypes.h"
+    "KorvaneTimeline|Timeline|"
+    "KorvaneSupport|Support|"
     "KvTaskIPC|KvTaskIPC|KvTaskIPC.h KvTaskIPCExport.h"
     "KvExportHost|KvExportHost|KvExportHost.h KvExportHostExport.h"
     "TranscoderFFmpeg|TranscoderFFmpeg|TranscoderFFmpeg.h TranscoderFFmpegExport.h"
@@ -59,7 +62,7 @@ function(korvane_install_library target)
     if(includes)
         set(interfaceIncludes "")
         foreach(folder IN LISTS includes)
-            string(FIND "${folder}" "${PROJECT_SOURCE_DIR}/" at)
+            string(FIND "${folder}/" "${PROJECT_SOURCE_DIR}/" at)
             if(at EQUAL 0)
                 set(folder "$<BUILD_INTERFACE:${folder}>")
             endif()
@@ -72,9 +75,14 @@ function(korvane_install_library target)
     if(CMAKE_SYSTEM_NAME STREQUAL "Linux")
         target_link_options(${target} PRIVATE "LINKER:--push-state,--no-as-needed,-lc,--pop-state")
     endif()
+    # Installed headers keep their path under the unit's include root, so
+    # their own includes ("Common/Records/ConvertSource.h") resolve as in
+    # the source tree.
     if(headers)
         get_target_property(folder ${target} SOURCE_DIR)
-        get_filename_component(unit ${folder} NAME)
+        list(GET includes 0 root)
+        get_filename_component(root "${root}" REALPATH)
+        file(RELATIVE_PATH unit ${root} ${folder})
         list(TRANSFORM headers PREPEND ${folder}/)
         install(FILES ${headers} DESTINATION ${KORVANE_INSTALL_INCLUDEDIR}/${unit})
     endif()

@@ -4,7 +4,7 @@
 // (each option but -y, -an and -vn takes the next argument as its value) may
 // find no more options than the builder's fixed elements give, and exactly
 // one output file after them.
-#include "Common/OutputRules.h"
+#include "Common/Records/OutputRules.h"
 #include "TranscoderFFmpeg/FFmpegArguments.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 

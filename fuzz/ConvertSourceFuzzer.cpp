@@ -2,7 +2,7 @@
 // write, further reads and writes change nothing. (The very first read may
 // still add the five "extraParam" keys the reader always fills in, so the
 // fixpoint is checked from the second write on.)
-#include "Common/JsonForms.h"
+#include "Common/Records/JsonForms.h"
 
 #include <QString>
 

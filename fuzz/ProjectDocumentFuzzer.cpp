@@ -1,7 +1,7 @@
 // Timeline documents reach the render engine from another process and may be
 // damaged. Reading one never crashes; a document that reads has a clip, a
 // usable canvas and a finite duration.
-#include "NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
 
 #include <QString>
 

@@ -2,8 +2,8 @@
 // file given, built the way a job's fallback builds them, with a cut, a
 // changed speed and a watermark so that most of the format appears.
 // Usage: fuzz_timeline_seeds OUTPUT_DIR MEDIA...
-#include "Common/ConvertSource.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Timeline/TimelineProject.h"
 
 #include <QCoreApplication>
 #include <QDir>

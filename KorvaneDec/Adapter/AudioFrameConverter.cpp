@@ -1,4 +1,4 @@
-#include "Adapter/AudioFrameConverter.h"
+#include "KorvaneDec/Adapter/AudioFrameConverter.h"
 
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"

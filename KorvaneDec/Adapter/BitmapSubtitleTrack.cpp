@@ -1,4 +1,4 @@
-#include "Adapter/BitmapSubtitleTrack.h"
+#include "KorvaneDec/Adapter/BitmapSubtitleTrack.h"
 
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"

@@ -1,4 +1,4 @@
-#include "Adapter/MediaSource.h"
+#include "KorvaneDec/Adapter/MediaSource.h"
 
 #include "KorvaneBase/Record.h"
 #include "KvAVGlue/FFmpegLog.h"

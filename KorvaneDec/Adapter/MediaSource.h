@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Adapter/AdapterExport.h"
+#include "KorvaneDec/Adapter/AdapterExport.h"
 
 #include <QList>
 #include <QSharedPointer>

@@ -1,4 +1,4 @@
-#include "Adapter/PictureFilters.h"
+#include "KorvaneDec/Adapter/PictureFilters.h"
 
 #include "KvAVGlue/KvAVGlue.h"
 

@@ -1,6 +1,6 @@
-#include "Adapter/StillPicture.h"
+#include "KorvaneDec/Adapter/StillPicture.h"
 
-#include "Adapter/MediaSource.h"
+#include "KorvaneDec/Adapter/MediaSource.h"
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"
 

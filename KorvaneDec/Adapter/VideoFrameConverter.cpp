@@ -1,4 +1,4 @@
-#include "Adapter/VideoFrameConverter.h"
+#include "KorvaneDec/Adapter/VideoFrameConverter.h"
 
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"

@@ -1,6 +1,6 @@
-#include "Filters/IAudioFilter.h"
+#include "KorvaneDec/Filters/IAudioFilter.h"
 
-#include "Filters/VolumeFilter.h"
+#include "KorvaneDec/Filters/VolumeFilter.h"
 
 namespace Korvane {
 

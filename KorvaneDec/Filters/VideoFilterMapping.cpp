@@ -1,4 +1,4 @@
-#include "Filters/VideoFilterMapping.h"
+#include "KorvaneDec/Filters/VideoFilterMapping.h"
 
 #include <QStringList>
 #include <QtGlobal>

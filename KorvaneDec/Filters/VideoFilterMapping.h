@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Filters/FiltersExport.h"
+#include "KorvaneDec/Filters/FiltersExport.h"
 
 #include <QString>
 

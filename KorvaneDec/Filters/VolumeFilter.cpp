@@ -1,4 +1,4 @@
-#include "Filters/VolumeFilter.h"
+#include "KorvaneDec/Filters/VolumeFilter.h"
 
 #include <QtGlobal>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Filters/FiltersExport.h"
-#include "Filters/IAudioFilter.h"
+#include "KorvaneDec/Filters/FiltersExport.h"
+#include "KorvaneDec/Filters/IAudioFilter.h"
 
 namespace Korvane {
 

@@ -1,4 +1,4 @@
-#include "NLEditor/AudioSampleQueue.h"
+#include "KorvaneDec/NLEditor/AudioSampleQueue.h"
 
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"

@@ -1,4 +1,4 @@
-#include "NLEditor/OutputColour.h"
+#include "KorvaneDec/NLEditor/OutputColour.h"
 
 extern "C" {
 #include <libavutil/pixdesc.h>

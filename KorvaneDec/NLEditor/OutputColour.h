@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Adapter/MediaSource.h"
-#include "NLEditor/NLEditorExport.h"
+#include "KorvaneDec/Adapter/MediaSource.h"
+#include "KorvaneDec/NLEditor/NLEditorExport.h"
 
 #include <QString>
 

@@ -1,6 +1,6 @@
-#include "NLEditor/OutputFormat.h"
+#include "KorvaneDec/NLEditor/OutputFormat.h"
 
-#include "Common/OutputRules.h"
+#include "Common/Records/OutputRules.h"
 
 #include <QHash>
 #include <QStringList>

@@ -1,4 +1,4 @@
-#include "NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "NLEditor/NLEditorExport.h"
+#include "KorvaneDec/NLEditor/NLEditorExport.h"
 
 #include <QList>
 #include <QPoint>

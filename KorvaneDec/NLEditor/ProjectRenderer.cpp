@@ -1,9 +1,9 @@
-#include "NLEditor/ProjectRenderer.h"
+#include "KorvaneDec/NLEditor/ProjectRenderer.h"
 
-#include "NLEditor/RenderFilterGraphs.h"
-#include "NLEditor/RenderPlan.h"
-#include "NLEditor/RenderWriter.h"
-#include "NLEditor/TimelineFeeder.h"
+#include "KorvaneDec/NLEditor/RenderFilterGraphs.h"
+#include "KorvaneDec/NLEditor/RenderPlan.h"
+#include "KorvaneDec/NLEditor/RenderWriter.h"
+#include "KorvaneDec/NLEditor/TimelineFeeder.h"
 
 namespace Korvane {
 

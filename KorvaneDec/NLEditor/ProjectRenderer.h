@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "NLEditor/NLEditorExport.h"
-#include "NLEditor/ProjectDocument.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "KorvaneDec/NLEditor/NLEditorExport.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
 
 #include <QString>
 

@@ -1,4 +1,4 @@
-#include "NLEditor/RenderFilterGraphs.h"
+#include "KorvaneDec/NLEditor/RenderFilterGraphs.h"
 
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"

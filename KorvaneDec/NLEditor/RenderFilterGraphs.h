@@ -1,7 +1,7 @@
 #pragma once
 
-#include "NLEditor/ProjectDocument.h"
-#include "NLEditor/RenderPlan.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/RenderPlan.h"
 
 #include <QHash>
 #include <QSharedPointer>

@@ -1,8 +1,8 @@
-#include "NLEditor/RenderGraph.h"
+#include "KorvaneDec/NLEditor/RenderGraph.h"
 
-#include "Adapter/PictureFilters.h"
-#include "Filters/IAudioFilter.h"
-#include "Filters/VideoFilterMapping.h"
+#include "KorvaneDec/Adapter/PictureFilters.h"
+#include "KorvaneDec/Filters/IAudioFilter.h"
+#include "KorvaneDec/Filters/VideoFilterMapping.h"
 
 #include <QtGlobal>
 

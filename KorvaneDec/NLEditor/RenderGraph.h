@@ -1,7 +1,7 @@
 #pragma once
 
-#include "NLEditor/NLEditorExport.h"
-#include "NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/NLEditorExport.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
 
 #include <QSize>
 #include <QString>

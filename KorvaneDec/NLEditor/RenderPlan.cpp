@@ -1,10 +1,10 @@
-#include "NLEditor/RenderPlan.h"
+#include "KorvaneDec/NLEditor/RenderPlan.h"
 
-#include "Adapter/PictureFilters.h"
 #include "KorvaneBase/FileIdentity.h"
 #include "KorvaneBase/Record.h"
+#include "KorvaneDec/Adapter/PictureFilters.h"
+#include "KorvaneDec/NLEditor/OutputFormat.h"
 #include "KvAVGlue/KvAVGlue.h"
-#include "NLEditor/OutputFormat.h"
 
 #include <QFileInfo>
 #include <QMutex>

@@ -1,12 +1,12 @@
 #pragma once
 
-#include "Adapter/BitmapSubtitleTrack.h"
-#include "Adapter/MediaSource.h"
-#include "Adapter/StillPicture.h"
-#include "Common/AVTaskOutputParam.h"
-#include "NLEditor/OutputColour.h"
-#include "NLEditor/ProjectDocument.h"
-#include "NLEditor/RenderGraph.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "KorvaneDec/Adapter/BitmapSubtitleTrack.h"
+#include "KorvaneDec/Adapter/MediaSource.h"
+#include "KorvaneDec/Adapter/StillPicture.h"
+#include "KorvaneDec/NLEditor/OutputColour.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/RenderGraph.h"
 
 #include <QList>
 #include <QSharedPointer>

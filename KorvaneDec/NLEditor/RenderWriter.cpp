@@ -1,6 +1,6 @@
-#include "NLEditor/RenderWriter.h"
+#include "KorvaneDec/NLEditor/RenderWriter.h"
 
-#include "Common/OutputRules.h"
+#include "Common/Records/OutputRules.h"
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"
 

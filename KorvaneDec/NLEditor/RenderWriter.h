@@ -1,10 +1,10 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "NLEditor/AudioSampleQueue.h"
-#include "NLEditor/ProjectDocument.h"
-#include "NLEditor/RenderFilterGraphs.h"
-#include "NLEditor/RenderPlan.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "KorvaneDec/NLEditor/AudioSampleQueue.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/RenderFilterGraphs.h"
+#include "KorvaneDec/NLEditor/RenderPlan.h"
 
 #include <QSharedPointer>
 #include <QString>

@@ -1,4 +1,4 @@
-#include "NLEditor/TimelineFeeder.h"
+#include "KorvaneDec/NLEditor/TimelineFeeder.h"
 
 #include "KvAVGlue/FFmpegLog.h"
 #include "KvAVGlue/KvAVGlue.h"

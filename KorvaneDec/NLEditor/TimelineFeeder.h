@@ -1,10 +1,10 @@
 #pragma once
 
-#include "Adapter/AudioFrameConverter.h"
-#include "Adapter/MediaSource.h"
-#include "Adapter/VideoFrameConverter.h"
-#include "NLEditor/RenderFilterGraphs.h"
-#include "NLEditor/RenderPlan.h"
+#include "KorvaneDec/Adapter/AudioFrameConverter.h"
+#include "KorvaneDec/Adapter/MediaSource.h"
+#include "KorvaneDec/Adapter/VideoFrameConverter.h"
+#include "KorvaneDec/NLEditor/RenderFilterGraphs.h"
+#include "KorvaneDec/NLEditor/RenderPlan.h"
 
 #include <QSharedPointer>
 #include <QString>

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "Common/IAVTaskOperator.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Task/IAVTaskOperator.h"
 #include "KvExportHost/KvExportHostExport.h"
 
 #include <QSharedPointer>

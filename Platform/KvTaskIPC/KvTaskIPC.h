@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "Common/ConvertSource.h"
-#include "Common/IAVTaskOperator.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Task/IAVTaskOperator.h"
 #include "KvTaskIPC/KvTaskIPCExport.h"
 
 #include <QSharedPointer>

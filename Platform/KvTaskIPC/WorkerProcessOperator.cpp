@@ -1,6 +1,6 @@
 #include "KvTaskIPC/WorkerProcessOperator.h"
 
-#include "Common/TaskSignalBus.h"
+#include "Common/Task/TaskSignalBus.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneBase/ProgramLocation.h"
 

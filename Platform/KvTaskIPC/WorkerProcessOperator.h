@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/AVFFmpegTask.h"
-#include "Common/IAVTaskOperator.h"
+#include "Common/Task/AVFFmpegTask.h"
+#include "Common/Task/IAVTaskOperator.h"
 #include "KorvaneBase/BasicObject.h"
 #include "KvTaskIPC/KvTaskIPCExport.h"
 

@@ -1,6 +1,6 @@
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
-#include "Common/OutputRules.h"
+#include "Common/Records/OutputRules.h"
 #include "KorvaneBase/Record.h"
 #include "KorvaneGPUHardwareAcceleration/KorvaneGPUHardwareAcceleration.h"
 

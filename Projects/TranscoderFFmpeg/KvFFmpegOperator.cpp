@@ -1,8 +1,8 @@
 #include "TranscoderFFmpeg/KvFFmpegOperator.h"
 
-#include "Common/AVFFmpegTask.h"
-#include "Common/JobInputs.h"
-#include "Common/OutputRules.h"
+#include "Common/Records/JobInputs.h"
+#include "Common/Records/OutputRules.h"
+#include "Common/Task/AVFFmpegTask.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneBase/ProgramLocation.h"
 #include "KorvaneDec/FFDemuxer.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Common/IAVTaskOperator.h"
+#include "Common/Task/IAVTaskOperator.h"
 #include "KorvaneBase/BasicObject.h"
 #include "TranscoderFFmpeg/TranscoderFFmpegExport.h"
 

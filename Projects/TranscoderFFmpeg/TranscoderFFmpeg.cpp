@@ -1,7 +1,7 @@
 #include "TranscoderFFmpeg/TranscoderFFmpeg.h"
 
-#include "Common/AVFFmpegTask.h"
-#include "Common/ConvertSourceHelper.h"
+#include "Common/Support/ConvertSourceHelper.h"
+#include "Common/Task/AVFFmpegTask.h"
 #include "TranscoderFFmpeg/FFmpegController.h"
 #include "TranscoderFFmpeg/KvFFmpegOperator.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "Common/ConvertSource.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/ConvertSource.h"
 
 #include <QVariantMap>
 

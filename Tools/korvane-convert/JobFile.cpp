@@ -1,6 +1,6 @@
 #include "JobFile.h"
 
-#include "Common/JsonForms.h"
+#include "Common/Records/JsonForms.h"
 
 #include <QDir>
 #include <QFile>

@@ -1,7 +1,7 @@
 #include "JobRunner.h"
 
-#include "Common/IAVTask.h"
-#include "Common/TaskSignalBus.h"
+#include "Common/Task/IAVTask.h"
+#include "Common/Task/TaskSignalBus.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "ProgressDisplay.h"
 

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/IAVTaskOperator.h"
-#include "Common/TaskTypes.h"
+#include "Common/Task/IAVTaskOperator.h"
+#include "Common/Task/TaskTypes.h"
 
 #include <QElapsedTimer>
 #include <QEventLoop>

@@ -1,9 +1,9 @@
 #include "MachineModes.h"
 
-#include "Common/AVFFmpegTask.h"
-#include "Common/ConvertSourceHelper.h"
-#include "Common/JsonForms.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/JsonForms.h"
+#include "Common/Support/ConvertSourceHelper.h"
+#include "Common/Task/AVFFmpegTask.h"
+#include "Common/Timeline/TimelineProject.h"
 #include "KorvaneDec/MediaDescription.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 #include "TranscoderFFmpeg/KvFFmpegOperator.h"

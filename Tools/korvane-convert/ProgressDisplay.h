@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Common/TaskTypes.h"
+#include "Common/Task/TaskTypes.h"
 
 #include <QJsonObject>
 #include <QString>

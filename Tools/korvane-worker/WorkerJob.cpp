@@ -2,13 +2,13 @@
 
 #include "WorkerProtocol.h"
 
-#include "Common/JobInputs.h"
-#include "Common/JsonForms.h"
-#include "Common/OutputRules.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/JobInputs.h"
+#include "Common/Records/JsonForms.h"
+#include "Common/Records/OutputRules.h"
+#include "Common/Timeline/TimelineProject.h"
 #include "KorvaneBase/Record.h"
-#include "NLEditor/ProjectDocument.h"
-#include "NLEditor/ProjectRenderer.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/ProjectRenderer.h"
 
 #include <QFile>
 

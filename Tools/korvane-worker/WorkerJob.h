@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
+#include "Common/Records/AVTaskOutputParam.h"
 
 #include <QString>
 #include <QStringList>

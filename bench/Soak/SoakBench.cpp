@@ -14,10 +14,10 @@
 //    the heap in use is the figure a leak would move.
 //
 //   SoakBench [runs = 300] [parallel = 8]
-#include "Common/AVTaskOutputParam.h"
-#include "Common/ConvertSource.h"
-#include "Common/IAVTask.h"
-#include "Common/TaskSignalBus.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Task/IAVTask.h"
+#include "Common/Task/TaskSignalBus.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneDec/FFDemuxer.h"
 #include "TranscoderFFmpeg/TranscoderFFmpeg.h"

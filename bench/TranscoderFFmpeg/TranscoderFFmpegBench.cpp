@@ -15,10 +15,10 @@
 // always favour the same side.
 //
 //   TranscoderFFmpegBench [clip seconds = 10] [pairs = 3]
-#include "Common/AVTaskOutputParam.h"
-#include "Common/ConvertSource.h"
-#include "Common/IAVTask.h"
-#include "Common/TaskSignalBus.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Task/IAVTask.h"
+#include "Common/Task/TaskSignalBus.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 #include "TranscoderFFmpeg/TranscoderFFmpeg.h"

@@ -4,8 +4,8 @@
 // prints the wall-time ratio and the worker's peak memory against 400 MB.
 //
 //   korvane-engine-bench [work folder]   (default: ./engine-bench)
-#include "Common/AVTaskOutputParam.h"
-#include "Common/JsonForms.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/JsonForms.h"
 
 #include <QCoreApplication>
 #include <QDir>

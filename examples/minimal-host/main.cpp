@@ -6,8 +6,8 @@
 //
 // Exit codes: 0 finished, 1 failed or stopped, 2 usage, 3 the ffmpeg path
 // does not take the job (a real host would hand it to its own converters).
-#include <Common/IAVTask.h>
-#include <Common/TaskSignalBus.h>
+#include <Common/Task/IAVTask.h>
+#include <Common/Task/TaskSignalBus.h>
 #include <TranscoderFFmpeg/TranscoderFFmpeg.h>
 
 #include <QCoreApplication>

@@ -1,8 +1,8 @@
 // Frame conversion, subtitles and the picture filter texts.
-#include "Adapter/AudioFrameConverter.h"
-#include "Adapter/BitmapSubtitleTrack.h"
-#include "Adapter/PictureFilters.h"
-#include "Adapter/VideoFrameConverter.h"
+#include "KorvaneDec/Adapter/AudioFrameConverter.h"
+#include "KorvaneDec/Adapter/BitmapSubtitleTrack.h"
+#include "KorvaneDec/Adapter/PictureFilters.h"
+#include "KorvaneDec/Adapter/VideoFrameConverter.h"
 
 #include "KvAVGlue/KvAVGlue.h"
 #include "PictureSubtitleWriter.h"

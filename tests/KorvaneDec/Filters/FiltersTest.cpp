@@ -1,7 +1,7 @@
 // The colour and audio filter mappings, and that libavfilter accepts every
 // text they produce.
-#include "Filters/IAudioFilter.h"
-#include "Filters/VideoFilterMapping.h"
+#include "KorvaneDec/Filters/IAudioFilter.h"
+#include "KorvaneDec/Filters/VideoFilterMapping.h"
 
 #include "KvAVGlue/KvAVGlue.h"
 

@@ -1,8 +1,8 @@
 // The timeline document reader, the output choices and the graph text a
 // project becomes, checked by table and by handing it to libavfilter's parser.
-#include "NLEditor/OutputFormat.h"
-#include "NLEditor/ProjectDocument.h"
-#include "NLEditor/RenderGraph.h"
+#include "KorvaneDec/NLEditor/OutputFormat.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/RenderGraph.h"
 
 #include "KvAVGlue/KvAVGlue.h"
 

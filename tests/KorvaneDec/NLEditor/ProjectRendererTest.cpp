@@ -4,8 +4,8 @@
 #include "RenderTestSupport.h"
 #include "TestMedia.h"
 
-#include "NLEditor/ProjectDocument.h"
-#include "NLEditor/ProjectRenderer.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
+#include "KorvaneDec/NLEditor/ProjectRenderer.h"
 
 #include <QDir>
 #include <QFile>

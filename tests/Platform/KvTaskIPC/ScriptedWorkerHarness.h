@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/IAVTask.h"
-#include "Common/TaskSignalBus.h"
+#include "Common/Task/IAVTask.h"
+#include "Common/Task/TaskSignalBus.h"
 
 #include <QSignalSpy>
 #include <QTemporaryDir>

@@ -1,4 +1,4 @@
-#include "Common/ConvertSourceHelper.h"
+#include "Common/Support/ConvertSourceHelper.h"
 
 #include "LogCapture.h"
 #include "TestMedia.h"

@@ -1,5 +1,5 @@
-#include "Common/JsonForms.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/JsonForms.h"
+#include "Common/Timeline/TimelineProject.h"
 
 #include "JsonFragment.h"
 

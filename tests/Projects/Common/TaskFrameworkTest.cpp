@@ -1,6 +1,6 @@
-#include "Common/AVFFmpegTask.h"
-#include "Common/TaskSignalBus.h"
-#include "Common/TimelineProjectBuilder.h"
+#include "Common/Task/AVFFmpegTask.h"
+#include "Common/Task/TaskSignalBus.h"
+#include "Common/Timeline/TimelineProjectBuilder.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

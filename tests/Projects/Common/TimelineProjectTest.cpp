@@ -1,6 +1,6 @@
 // The timeline project builder fed with media facts made here, not probed from files.
-#include "Common/TimelineProject.h"
-#include "Common/TimelineProjectBuilder.h"
+#include "Common/Timeline/TimelineProject.h"
+#include "Common/Timeline/TimelineProjectBuilder.h"
 
 #include "JsonFragment.h"
 

@@ -1,7 +1,7 @@
 // The ffmpeg command, its arguments and filter graphs, built from jobs made in
 // the tests (media facts included), so the builders run without files.
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
-#include "Common/OutputRules.h"
+#include "Common/Records/OutputRules.h"
 #include "LogCapture.h"
 #include "TranscoderFFmpeg/FFmpegArguments.h"
 #include "TranscoderFFmpeg/FFmpegProgress.h"

@@ -7,9 +7,9 @@
 #include "TranscoderFFmpeg/KvFFmpegOperator.h"
 #include "TranscoderFFmpeg/TranscoderFFmpeg.h"
 
-#include "Common/AVFFmpegTask.h"
-#include "Common/JsonForms.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/JsonForms.h"
+#include "Common/Task/AVFFmpegTask.h"
+#include "Common/Timeline/TimelineProject.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneDec/FFDemuxer.h"
 #include "KvExportHost/KvExportHost.h"

@@ -1,7 +1,7 @@
 // korvane-convert driven as a user or script drives it: through its command
 // line, on generated media.
-#include "Common/JsonForms.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/JsonForms.h"
+#include "Common/Timeline/TimelineProject.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "ScriptedWorkerHarness.h"
 #include "TestMedia.h"

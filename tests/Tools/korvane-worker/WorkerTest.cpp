@@ -3,7 +3,7 @@
 #include "RenderTestSupport.h"
 #include "TestMedia.h"
 
-#include "Common/JsonForms.h"
+#include "Common/Records/JsonForms.h"
 
 #include <QCoreApplication>
 #include <QDir>

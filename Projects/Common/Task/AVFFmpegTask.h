@@ -1,16 +1,16 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "Common/CommonExport.h"
-#include "Common/ConvertSource.h"
-#include "Common/IAVTask.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Task/IAVTask.h"
+#include "Common/Task/TaskExport.h"
 
 namespace Korvane {
 
 // The task of one conversion job. Holds its own copies of the two records,
 // never changed after construction; its operator writes state and progress
 // directly (state first, then it emits).
-class KORVANECOMMON_EXPORT AVFFmpegTask : public IAVTask
+class KORVANETASK_EXPORT AVFFmpegTask : public IAVTask
 {
 public:
     AVFFmpegTask(const ConvertSource& source, const AVTaskOutputParam& outputParam);

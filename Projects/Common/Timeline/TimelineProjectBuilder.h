@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/CommonExport.h"
-#include "Common/ConvertSource.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Timeline/TimelineExport.h"
 #include "KvMediaInfo/KvMediaInfo.h"
 
 #include <QString>
@@ -21,7 +21,7 @@ namespace Korvane {
 // that could not be probed (defaults: 25 fps, 640 x 480, duration 0). It is
 // only read, and must outlive the builder; the source and the options are
 // copied. One builder makes one document: call build() once.
-class KORVANECOMMON_EXPORT TimelineProjectBuilder
+class KORVANETIMELINE_EXPORT TimelineProjectBuilder
 {
 public:
     TimelineProjectBuilder(const ConvertSource& source, const QVariantMap& options,

@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "Common/CommonExport.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/RecordsExport.h"
 
 #include <QString>
 
@@ -12,12 +12,12 @@ namespace Korvane {
 // The muxer name for a container or preset name (compared in lower case);
 // empty for a name that is not known. Some values are the host's preset
 // names rather than FFmpeg muxers, kept as they are.
-KORVANECOMMON_EXPORT QString muxerName(const QString& format);
+KORVANERECORDS_EXPORT QString muxerName(const QString& format);
 
 // The constant-quality ("-crf") value used when no video bit rate is given:
 // 23 for h264 (else 28), lowered by up to 10 for output diagonals below the
 // reference (2800 above a 2000-pixel diagonal, else 2000); never below 1.
-KORVANECOMMON_EXPORT int crfQuality(const QString& videoCodecName, qint32 width, qint32 height);
+KORVANERECORDS_EXPORT int crfQuality(const QString& videoCodecName, qint32 width, qint32 height);
 
 // Names from a job reach ffmpeg's argument list and the FFmpeg libraries, so
 // each must be a plain name: "format", "video.codecName" and
@@ -28,6 +28,6 @@ KORVANECOMMON_EXPORT int crfQuality(const QString& videoCodecName, qint32 width,
 // "-", where ffmpeg would read it as an option. Returns a sentence naming
 // the first field that breaks its rule ("audio.codecName \"aac -map 0\" is
 // not a plain name"), empty when all hold.
-KORVANECOMMON_EXPORT QString invalidOutputField(const AVTaskOutputParam& output);
+KORVANERECORDS_EXPORT QString invalidOutputField(const AVTaskOutputParam& output);
 
 } // namespace Korvane

@@ -1,7 +1,7 @@
-#include "Common/AVFFmpegTask.h"
+#include "Common/Task/AVFFmpegTask.h"
 
-#include "Common/JsonForms.h"
-#include "Common/TaskSignalBus.h"
+#include "Common/Records/JsonForms.h"
+#include "Common/Task/TaskSignalBus.h"
 
 namespace Korvane {
 

@@ -1,4 +1,4 @@
-#include "Common/JobInputs.h"
+#include "Common/Records/JobInputs.h"
 
 #include "KorvaneBase/FileIdentity.h"
 

@@ -1,6 +1,6 @@
-#include "Common/TimelineProject.h"
+#include "Common/Timeline/TimelineProject.h"
 
-#include "Common/TimelineProjectBuilder.h"
+#include "Common/Timeline/TimelineProjectBuilder.h"
 #include "KvMediaInfo/KvMediaInfo.h"
 
 #include <QDir>

@@ -1,4 +1,4 @@
-#include "Common/IAVTaskOperator.h"
+#include "Common/Task/IAVTaskOperator.h"
 
 namespace Korvane {
 

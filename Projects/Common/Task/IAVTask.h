@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/CommonExport.h"
-#include "Common/TaskTypes.h"
+#include "Common/Task/TaskExport.h"
+#include "Common/Task/TaskTypes.h"
 
 #include <QSharedPointer>
 #include <QString>
@@ -11,7 +11,7 @@ namespace Korvane {
 class TaskSignalBus;
 
 // A conversion as the host sees it: its records, state, progress and bus.
-class KORVANECOMMON_EXPORT IAVTask
+class KORVANETASK_EXPORT IAVTask
 {
 public:
     virtual ~IAVTask();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Common/CommonExport.h"
+#include "Common/Task/TaskExport.h"
 
 #include <QSharedPointer>
 #include <QString>
@@ -14,7 +14,7 @@ class IAVTask;
 // BasicObject first and this interface second, and are handed out in
 // QObject-aware QSharedPointers. Failures are reported by start()'s result
 // and by the task's state on its bus, never by exceptions.
-class KORVANECOMMON_EXPORT IAVTaskOperator
+class KORVANETASK_EXPORT IAVTaskOperator
 {
 public:
     virtual ~IAVTaskOperator();

@@ -1,4 +1,4 @@
-#include "Common/OutputRules.h"
+#include "Common/Records/OutputRules.h"
 
 #include <QHash>
 #include <QRegularExpression>

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "Common/CommonExport.h"
-#include "Common/ConvertSource.h"
+#include "Common/Records/AVTaskOutputParam.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Records/RecordsExport.h"
 
 #include <QString>
 #include <QVariantMap>
@@ -11,26 +11,26 @@ namespace Korvane {
 
 // Variant map -> JSON object text; indented layout when `indented`, else
 // compact.
-KORVANECOMMON_EXPORT QString variantMapToJson(const QVariantMap& map, bool indented);
+KORVANERECORDS_EXPORT QString variantMapToJson(const QVariantMap& map, bool indented);
 
 // JSON text (UTF-8) -> variant map. Text that does not parse, or whose top
 // level is not an object, gives an empty map; never an error.
-KORVANECOMMON_EXPORT QVariantMap jsonToVariantMap(const QString& json);
+KORVANERECORDS_EXPORT QVariantMap jsonToVariantMap(const QString& json);
 
 // {"ConvertSource": {...}} in the indented layout. "crop" is always written
 // (a full-picture crop when absent) and "speed" always (1.0 when absent).
-KORVANECOMMON_EXPORT QString convertSourceToJson(const ConvertSource& source);
+KORVANERECORDS_EXPORT QString convertSourceToJson(const ConvertSource& source);
 
 // The inverse, tolerant of anything: without a non-empty "ConvertSource"
 // object the result is a default ConvertSource. Otherwise every missing key
 // reads as its type's zero (so a missing "volume" reads 0 and a missing
 // watermark "alpha" 0), "speed" is always set afterwards, and "extraParam"
 // always holds exactly the five keys the host's converters use.
-KORVANECOMMON_EXPORT ConvertSource convertSourceFromJson(const QString& json);
+KORVANERECORDS_EXPORT ConvertSource convertSourceFromJson(const QString& json);
 
 // The flat object with "type": "AVTaskOutputParam", indented layout. The
 // video keys appear only with a video codec name, the audio keys only with an
 // audio codec name.
-KORVANECOMMON_EXPORT QString outputParamToJson(const AVTaskOutputParam& param);
+KORVANERECORDS_EXPORT QString outputParamToJson(const AVTaskOutputParam& param);
 
 } // namespace Korvane

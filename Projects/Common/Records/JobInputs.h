@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/CommonExport.h"
-#include "Common/ConvertSource.h"
+#include "Common/Records/ConvertSource.h"
+#include "Common/Records/RecordsExport.h"
 
 #include <QString>
 #include <QStringList>
@@ -12,11 +12,11 @@ namespace Korvane {
 // picture, the cover picture, each attached audio and subtitle file, the
 // mosaic and reframe results, and every file under the effect folder (when
 // the effect names a folder). Empty paths are left out.
-KORVANECOMMON_EXPORT QStringList jobInputFiles(const ConvertSource& source);
+KORVANERECORDS_EXPORT QStringList jobInputFiles(const ConvertSource& source);
 
 // The first of jobInputFiles(source) that writing `outputPath` would
 // overwrite (the same file by identity, see isSameFile); empty when none.
-KORVANECOMMON_EXPORT QString inputOverwrittenBy(const ConvertSource& source,
-                                                const QString& outputPath);
+KORVANERECORDS_EXPORT QString inputOverwrittenBy(const ConvertSource& source,
+                                                 const QString& outputPath);
 
 } // namespace Korvane

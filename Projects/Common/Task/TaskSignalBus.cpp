@@ -1,4 +1,4 @@
-#include "Common/TaskSignalBus.h"
+#include "Common/Task/TaskSignalBus.h"
 
 namespace Korvane {
 

@@ -1,4 +1,4 @@
-#include "Common/JsonForms.h"
+#include "Common/Records/JsonForms.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>

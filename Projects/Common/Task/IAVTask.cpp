@@ -1,4 +1,4 @@
-#include "Common/IAVTask.h"
+#include "Common/Task/IAVTask.h"
 
 namespace Korvane {
 

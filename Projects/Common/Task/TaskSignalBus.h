@@ -1,7 +1,7 @@
 #pragma once
 
-#include "Common/CommonExport.h"
-#include "Common/TaskTypes.h"
+#include "Common/Task/TaskExport.h"
+#include "Common/Task/TaskTypes.h"
 
 #include <QObject>
 #include <QString>
@@ -12,7 +12,7 @@ namespace Korvane {
 // on the thread of the operator that reports. Normalised signatures for
 // string-based connections: "taskStateChanged(Korvane::TaskState, int)" and
 // "taskProgress(Korvane::TaskProgressType, double)".
-class KORVANECOMMON_EXPORT TaskSignalBus : public QObject
+class KORVANETASK_EXPORT TaskSignalBus : public QObject
 {
     Q_OBJECT
 public:

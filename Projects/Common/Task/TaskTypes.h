@@ -1,6 +1,6 @@
 #pragma once
 
-#include "Common/CommonExport.h"
+#include "Common/Task/TaskExport.h"
 
 #include <QMetaType>
 
@@ -26,7 +26,7 @@ enum class TaskProgressType : qint32
 // Registers both enumerations with Qt under "Korvane::TaskState" and
 // "Korvane::TaskProgressType", as queued string-based connections need.
 // Idempotent and thread-safe; the bus calls it on construction.
-KORVANECOMMON_EXPORT void registerTaskMetaTypes();
+KORVANETASK_EXPORT void registerTaskMetaTypes();
 
 } // namespace Korvane
 

@@ -1,7 +1,7 @@
-#include "Common/ConvertSourceHelper.h"
+#include "Common/Support/ConvertSourceHelper.h"
 
-#include "Common/OutputRules.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/OutputRules.h"
+#include "Common/Timeline/TimelineProject.h"
 #include "KorvaneBase/Record.h"
 #include "KorvaneDec/FFDemuxer.h"
 #include "KvMediaInfo/KvMediaInfo.h"
@@ -23,7 +23,7 @@ namespace Korvane {
 
 namespace {
 
-const QString kSourceFile = QStringLiteral("Projects/Common/ConvertSourceHelper");
+const QString kSourceFile = QStringLiteral("Projects/Common/Support/ConvertSourceHelper");
 
 // Built afresh on each call; membership is tested on lower-cased words.
 QStringList h264ContainerList()

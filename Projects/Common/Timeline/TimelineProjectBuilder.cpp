@@ -1,7 +1,7 @@
-#include "Common/TimelineProjectBuilder.h"
+#include "Common/Timeline/TimelineProjectBuilder.h"
 
-#include "Common/JsonForms.h"
-#include "Common/TimelineProject.h"
+#include "Common/Records/JsonForms.h"
+#include "Common/Timeline/TimelineProject.h"
 
 #include <QFileInfo>
 #include <QImageReader>
