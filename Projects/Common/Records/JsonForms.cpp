@@ -1,5 +1,7 @@
 #include "Common/Records/JsonForms.h"
 
+#include <QDir>
+#include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -310,6 +312,30 @@ QString outputParamToJson(const AVTaskOutputParam& p)
     o.insert("acceleration.hardwareEnabled", p.acceleration.hardwareEnabled);
     o.insert("acceleration.gpuName", p.acceleration.gpuName);
     return QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Indented));
+}
+
+QString readTextFile(const QString& path)
+{
+    QFile file(path);
+    if (!file.open(QIODevice::ReadOnly)) {
+        return {};
+    }
+    return QString::fromUtf8(file.readAll());
+}
+
+QVariantList jsonToVariantList(const QString& json)
+{
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(json.toUtf8(), &error);
+    if (error.error != QJsonParseError::NoError || !document.isArray()) {
+        return {};
+    }
+    return document.array().toVariantList();
+}
+
+QString joinPath(const QString& first, const QString& second)
+{
+    return QDir::cleanPath(first + QDir::separator() + second);
 }
 
 } // namespace Korvane

@@ -5,6 +5,7 @@
 #include "Common/Records/RecordsExport.h"
 
 #include <QString>
+#include <QVariantList>
 #include <QVariantMap>
 
 namespace Korvane {
@@ -32,5 +33,14 @@ KORVANERECORDS_EXPORT ConvertSource convertSourceFromJson(const QString& json);
 // video keys appear only with a video codec name, the audio keys only with an
 // audio codec name.
 KORVANERECORDS_EXPORT QString outputParamToJson(const AVTaskOutputParam& param);
+
+// The whole file decoded as UTF-8; empty when it cannot be opened.
+KORVANERECORDS_EXPORT QString readTextFile(const QString& path);
+
+// The top-level array of JSON text; empty when it does not parse.
+KORVANERECORDS_EXPORT QVariantList jsonToVariantList(const QString& json);
+
+// The cleaned path of `first`, the native separator and `second`.
+KORVANERECORDS_EXPORT QString joinPath(const QString& first, const QString& second);
 
 } // namespace Korvane

@@ -2,6 +2,7 @@
 
 #include <QHash>
 #include <QRegularExpression>
+#include <QStringList>
 
 #include <algorithm>
 #include <cmath>
@@ -85,6 +86,13 @@ QString invalidOutputField(const AVTaskOutputParam& output)
             .arg(output.outputPath);
     }
     return {};
+}
+
+bool isSocialOutputType(const QString& type)
+{
+    static const QStringList platforms{"YouTube",  "Instagram", "TikTok",
+                                       "Facebook", "Likee",     "Vimeo"};
+    return platforms.contains(type, Qt::CaseSensitive);
 }
 
 } // namespace Korvane

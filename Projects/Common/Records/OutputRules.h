@@ -30,4 +30,7 @@ KORVANERECORDS_EXPORT int crfQuality(const QString& videoCodecName, qint32 width
 // not a plain name"), empty when all hold.
 KORVANERECORDS_EXPORT QString invalidOutputField(const AVTaskOutputParam& output);
 
+// True exactly for "YouTube", "Instagram", "TikTok", "Facebook", "Likee", "Vimeo".
+KORVANERECORDS_EXPORT bool isSocialOutputType(const QString& type);
+
 } // namespace Korvane

@@ -1,7 +1,6 @@
 #include "Common/Support/ConvertSourceHelper.h"
 
 #include "Common/Records/OutputRules.h"
-#include "Common/Timeline/TimelineProject.h"
 #include "KorvaneBase/Record.h"
 #include "KorvaneDec/FFDemuxer.h"
 #include "KvMediaInfo/KvMediaInfo.h"

@@ -1,6 +1,7 @@
 #include "Common/Timeline/TimelineProjectBuilder.h"
 
 #include "Common/Records/JsonForms.h"
+#include "Common/Records/OutputRules.h"
 #include "Common/Timeline/TimelineProject.h"
 
 #include <QFileInfo>

@@ -1,5 +1,5 @@
 #include "Common/Records/JsonForms.h"
-#include "Common/Timeline/TimelineProject.h"
+#include "Common/Records/OutputRules.h"
 
 #include "JsonFragment.h"
 
