@@ -3,6 +3,7 @@
 #include "CommandLine.h"
 #include "JobFile.h"
 #include "JobRunner.h"
+#include "OptionTable.h"
 #include "PathChoice.h"
 #include "ProgressDisplay.h"
 
@@ -10,6 +11,7 @@
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QRegularExpression>
 
 #include <gtest/gtest.h>
 
@@ -131,6 +133,22 @@ TEST(CommandLine, BadValuesAndModesThatDoNotFitGiveOneLine)
         {"--help", ConvertMode::Help}};
     for (const auto& [line, mode] : modes) {
         EXPECT_TRUE(parse(line).ok() && parse(line).commandLine.mode == mode) << line.toStdString();
+    }
+}
+
+// The help shows every option where a synopsis starts, and the parser takes
+// every name of the table.
+TEST(CommandLine, EveryOptionHasAHelpLine)
+{
+    const QString help = helpText();
+    for (const OptionRow& row : optionTable()) {
+        const QString start =
+            "(^  |, |; )" + QRegularExpression::escape(row.names.first()) + "[ ,\n]";
+        EXPECT_TRUE(help.contains(QRegularExpression(start, QRegularExpression::MultilineOption)))
+            << row.names.first().toStdString();
+        for (const QString& name : row.names) {
+            EXPECT_FALSE(parse(name).error.startsWith("unknown")) << name.toStdString();
+        }
     }
 }
 
