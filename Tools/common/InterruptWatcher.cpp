@@ -1,4 +1,4 @@
-#include "InterruptWatcher.h"
+#include "common/InterruptWatcher.h"
 
 #include <QSocketNotifier>
 

@@ -1,6 +1,6 @@
-#include "CommandLine.h"
+#include "korvane-convert/CommandLine.h"
 
-#include "OptionTable.h"
+#include "korvane-convert/OptionTable.h"
 
 #include <QFileInfo>
 

@@ -1,4 +1,4 @@
-#include "JobFile.h"
+#include "korvane-convert/JobFile.h"
 
 #include "Common/Records/JsonForms.h"
 

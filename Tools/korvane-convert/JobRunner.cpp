@@ -1,9 +1,9 @@
-#include "JobRunner.h"
+#include "korvane-convert/JobRunner.h"
 
 #include "Common/Task/IAVTask.h"
 #include "Common/Task/TaskSignalBus.h"
 #include "KorvaneBase/KorvaneBase.h"
-#include "ProgressDisplay.h"
+#include "korvane-convert/ProgressDisplay.h"
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>

@@ -1,4 +1,4 @@
-#include "MachineModes.h"
+#include "korvane-convert/MachineModes.h"
 
 #include "Common/Records/JsonForms.h"
 #include "Common/Support/ConvertSourceHelper.h"

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "ConvertJob.h"
+#include "korvane-convert/ConvertJob.h"
 
 #include <QByteArray>
 #include <QString>

@@ -1,4 +1,4 @@
-#include "OptionTable.h"
+#include "korvane-convert/OptionTable.h"
 
 #include <QFileInfo>
 

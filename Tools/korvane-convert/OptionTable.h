@@ -1,6 +1,6 @@
 #pragma once
 
-#include "OptionValues.h"
+#include "korvane-convert/OptionValues.h"
 
 #include <QList>
 #include <QString>

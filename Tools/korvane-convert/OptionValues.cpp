@@ -1,4 +1,4 @@
-#include "OptionValues.h"
+#include "korvane-convert/OptionValues.h"
 
 #include <QRegularExpression>
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "CommandLine.h"
+#include "korvane-convert/CommandLine.h"
 
 #include <QString>
 #include <QStringList>

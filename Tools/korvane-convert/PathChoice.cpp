@@ -1,4 +1,4 @@
-#include "PathChoice.h"
+#include "korvane-convert/PathChoice.h"
 
 namespace Korvane {
 

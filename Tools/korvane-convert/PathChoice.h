@@ -1,7 +1,7 @@
 #pragma once
 
-#include "CommandLine.h"
-#include "ConvertJob.h"
+#include "korvane-convert/CommandLine.h"
+#include "korvane-convert/ConvertJob.h"
 
 #include <QSize>
 #include <QString>

@@ -1,4 +1,4 @@
-#include "ProgressDisplay.h"
+#include "korvane-convert/ProgressDisplay.h"
 
 #include <QIODevice>
 #include <QJsonDocument>

@@ -1,14 +1,14 @@
 // korvane-convert: the host program of the conversion plug-in. It turns a
 // command line or job files into the plug-in's two records, chooses the
 // converter as a host does, runs it on a Qt event loop and reports progress.
-#include "CommandLine.h"
-#include "ConvertJob.h"
-#include "InterruptWatcher.h"
-#include "JobFile.h"
-#include "JobRunner.h"
-#include "MachineModes.h"
-#include "PathChoice.h"
-#include "ProgressDisplay.h"
+#include "common/InterruptWatcher.h"
+#include "korvane-convert/CommandLine.h"
+#include "korvane-convert/ConvertJob.h"
+#include "korvane-convert/JobFile.h"
+#include "korvane-convert/JobRunner.h"
+#include "korvane-convert/MachineModes.h"
+#include "korvane-convert/PathChoice.h"
+#include "korvane-convert/ProgressDisplay.h"
 
 #include "Common/Records/JobInputs.h"
 #include "Common/Records/OutputRules.h"

@@ -1,6 +1,6 @@
-#include "WorkerJob.h"
+#include "korvane-worker/WorkerJob.h"
 
-#include "WorkerProtocol.h"
+#include "korvane-worker/WorkerProtocol.h"
 
 #include "Common/Records/JobInputs.h"
 #include "Common/Records/JsonForms.h"

@@ -1,4 +1,4 @@
-#include "WorkerProtocol.h"
+#include "korvane-worker/WorkerProtocol.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>

@@ -1,4 +1,4 @@
-#include "WorkerStopWatch.h"
+#include "korvane-worker/WorkerStopWatch.h"
 
 #include "KorvaneBase/Record.h"
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "InterruptWatcher.h"
+#include "common/InterruptWatcher.h"
 
 #include <QByteArray>
 #include <QObject>

@@ -3,9 +3,9 @@
 // on standard input, the end of standard input, SIGTERM, SIGINT or the end
 // of the host process ends the render (see WorkerStopWatch); the partial
 // output is removed and the exit code is 1.
-#include "WorkerJob.h"
-#include "WorkerProtocol.h"
-#include "WorkerStopWatch.h"
+#include "korvane-worker/WorkerJob.h"
+#include "korvane-worker/WorkerProtocol.h"
+#include "korvane-worker/WorkerStopWatch.h"
 
 #include "KorvaneBase/KorvaneBase.h"
 #include "KvAVGlue/FFmpegLog.h"

@@ -1,11 +1,11 @@
 // korvane-convert's parts: option parsing, job files, path choice, progress
 // display and the job runner's failure reason.
-#include "CommandLine.h"
-#include "JobFile.h"
-#include "JobRunner.h"
-#include "OptionTable.h"
-#include "PathChoice.h"
-#include "ProgressDisplay.h"
+#include "korvane-convert/CommandLine.h"
+#include "korvane-convert/JobFile.h"
+#include "korvane-convert/JobRunner.h"
+#include "korvane-convert/OptionTable.h"
+#include "korvane-convert/PathChoice.h"
+#include "korvane-convert/ProgressDisplay.h"
 
 #include <QBuffer>
 #include <QDir>
