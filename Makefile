@@ -15,7 +15,9 @@ configure: deps
 build: configure
 	cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# A unit that links one of its own layer or above fails before the suite runs.
 test: build
+	./scripts/check-layers
 	ctest --test-dir $(BUILD_DIR) --output-on-failure -j $(JOBS)
 
 # A 10 s 1080p clip and a watermark picture made with the ffmpeg program, then
