@@ -17,60 +17,7 @@ const QString kSourceKey = QStringLiteral("ConvertSource");
 const QString kOutputKey = QStringLiteral("AVTaskOutputParam");
 const QString kTimelineKey = QStringLiteral("timelineOptions");
 
-// A value of the expected JSON kind, else the zero of the field: a number
-// where text is expected (or the reverse) is treated as missing.
-QString text(const QVariantMap& map, const QString& key)
-{
-    const QVariant v = map.value(key);
-    return v.typeId() == QMetaType::QString ? v.toString() : QString();
-}
-
-double number(const QVariantMap& map, const QString& key)
-{
-    const QVariant v = map.value(key);
-    switch (v.typeId()) {
-    case QMetaType::Double:
-    case QMetaType::LongLong:
-    case QMetaType::Int:
-        return v.toDouble();
-    default:
-        return 0.0;
-    }
-}
-
-bool flag(const QVariantMap& map, const QString& key)
-{
-    const QVariant v = map.value(key);
-    return v.typeId() == QMetaType::Bool && v.toBool();
-}
-
 } // namespace
-
-AVTaskOutputParam outputParamFromVariantMap(const QVariantMap& map)
-{
-    AVTaskOutputParam p;
-    p.outputPath = text(map, "outputPath");
-    p.format = text(map, "format");
-    p.ipcMode = flag(map, "ipcMode");
-    p.taskMode = qint32(number(map, "taskMode"));
-    p.vodDeMuxEnable = flag(map, "vodDeMuxEnable");
-    p.twoPassEncoding = flag(map, "twoPassEncoding");
-    p.isAlpha = flag(map, "isAlpha");
-    p.isUseSourceSDKPlatformSolution = flag(map, "isUseSourceSDKPlatformSolution");
-    p.video.codecName = text(map, "video.codecName");
-    p.video.width = qint32(number(map, "video.width"));
-    p.video.height = qint32(number(map, "video.height"));
-    p.video.frameRate = number(map, "video.frameRate");
-    p.video.bitrateKbps = qint64(number(map, "video.bitrateKbps"));
-    p.audio.codecName = text(map, "audio.codecName");
-    p.audio.sampleRate = qint32(number(map, "audio.sampleRate"));
-    p.audio.channels = qint32(number(map, "audio.channels"));
-    p.audio.bitrateKbps = qint64(number(map, "audio.bitrateKbps"));
-    p.acceleration.losslessFormat = text(map, "acceleration.losslessFormat");
-    p.acceleration.hardwareEnabled = flag(map, "acceleration.hardwareEnabled");
-    p.acceleration.gpuName = text(map, "acceleration.gpuName");
-    return p;
-}
 
 QVariantMap jobToVariantMap(const ConvertJob& job)
 {

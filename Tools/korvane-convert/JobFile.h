@@ -13,10 +13,6 @@ namespace Korvane {
 //   "AVTaskOutputParam": the flat object outputParamToJson writes,
 //   "timelineOptions": optional, the options of the timeline project document.
 
-// The flat output object read key by key; a missing or mistyped key gives its
-// field's zero value (empty text, 0, false). "type" is not required.
-AVTaskOutputParam outputParamFromVariantMap(const QVariantMap& map);
-
 // The job as a job-file object: the source and output records written by the
 // library's writers, and "timelineOptions" when the job has its own.
 QVariantMap jobToVariantMap(const ConvertJob& job);

@@ -68,35 +68,6 @@ QString workerUsage()
                           "       korvane-worker export --project FILE --output FILE\n");
 }
 
-AVTaskOutputParam outputParamFromFlatJson(const QVariantMap& map)
-{
-    AVTaskOutputParam param;
-    param.outputPath = map.value(QStringLiteral("outputPath")).toString();
-    param.format = map.value(QStringLiteral("format")).toString();
-    param.video.codecName = map.value(QStringLiteral("video.codecName")).toString();
-    param.video.width = map.value(QStringLiteral("video.width")).toInt();
-    param.video.height = map.value(QStringLiteral("video.height")).toInt();
-    param.video.frameRate = map.value(QStringLiteral("video.frameRate")).toDouble();
-    param.video.bitrateKbps = map.value(QStringLiteral("video.bitrateKbps")).toLongLong();
-    param.audio.codecName = map.value(QStringLiteral("audio.codecName")).toString();
-    param.audio.sampleRate = map.value(QStringLiteral("audio.sampleRate")).toInt();
-    param.audio.channels = map.value(QStringLiteral("audio.channels")).toInt();
-    param.audio.bitrateKbps = map.value(QStringLiteral("audio.bitrateKbps")).toLongLong();
-    param.acceleration.losslessFormat =
-        map.value(QStringLiteral("acceleration.losslessFormat")).toString();
-    param.acceleration.hardwareEnabled =
-        map.value(QStringLiteral("acceleration.hardwareEnabled")).toBool();
-    param.acceleration.gpuName = map.value(QStringLiteral("acceleration.gpuName")).toString();
-    param.ipcMode = map.value(QStringLiteral("ipcMode")).toBool();
-    param.taskMode = map.value(QStringLiteral("taskMode")).toInt();
-    param.vodDeMuxEnable = map.value(QStringLiteral("vodDeMuxEnable")).toBool();
-    param.twoPassEncoding = map.value(QStringLiteral("twoPassEncoding")).toBool();
-    param.isAlpha = map.value(QStringLiteral("isAlpha")).toBool();
-    param.isUseSourceSDKPlatformSolution =
-        map.value(QStringLiteral("isUseSourceSDKPlatformSolution")).toBool();
-    return param;
-}
-
 bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
                   const std::atomic<bool>& stop)
 {
@@ -111,7 +82,7 @@ bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
     if (!readFile(arguments.outputFile, &outputText, &error)) {
         return fail(error);
     }
-    const AVTaskOutputParam output = outputParamFromFlatJson(jsonToVariantMap(outputText));
+    const AVTaskOutputParam output = outputParamFromVariantMap(jsonToVariantMap(outputText));
     // The names go to libavformat and libavcodec as they are.
     const QString invalidField = invalidOutputField(output);
     if (!invalidField.isEmpty()) {

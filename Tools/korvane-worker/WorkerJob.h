@@ -33,10 +33,6 @@ WorkerArguments parseWorkerArguments(const QStringList& arguments);
 
 QString workerUsage();
 
-// The output record from its flat JSON form: every key read whether present
-// or not, a missing one as its type's zero.
-AVTaskOutputParam outputParamFromFlatJson(const QVariantMap& map);
-
 // Runs the job: reads its files, renders, and reports on `protocol`.
 // Returns true exactly when it reported Finished (5).
 bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,

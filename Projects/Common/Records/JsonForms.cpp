@@ -74,6 +74,46 @@ QList<QVariantMap> readObjects(const QVariant& value)
     return objects;
 }
 
+// Readers of the flat output object, which people also write by hand: a
+// value of another JSON kind than the field's (text for a number, a number
+// for a flag) reads as the field's zero rather than being converted, and a
+// number outside the field's range reads 0.
+QString textOf(const QVariantMap& map, const char* key)
+{
+    const QVariant value = map.value(QLatin1String(key));
+    return value.typeId() == QMetaType::QString ? value.toString() : QString();
+}
+
+double numberOf(const QVariantMap& map, const char* key)
+{
+    const QVariant value = map.value(QLatin1String(key));
+    switch (value.typeId()) {
+    case QMetaType::Double:
+    case QMetaType::LongLong:
+    case QMetaType::Int:
+        return value.toDouble();
+    default:
+        return 0.0;
+    }
+}
+
+// Truncated towards zero.
+template <typename Integer>
+Integer wholeOf(const QVariantMap& map, const char* key)
+{
+    const double value = numberOf(map, key);
+    // Both bounds are powers of two, so exact as doubles.
+    const double low = double(std::numeric_limits<Integer>::min());
+    const double high = -low;
+    return value >= low && value < high ? Integer(value) : Integer(0);
+}
+
+bool flagOf(const QVariantMap& map, const char* key)
+{
+    const QVariant value = map.value(QLatin1String(key));
+    return value.typeId() == QMetaType::Bool && value.toBool();
+}
+
 QJsonObject cropToJson(const std::optional<CropParam>& crop)
 {
     const CropParam c = crop.value_or(CropParam{});
@@ -312,6 +352,32 @@ QString outputParamToJson(const AVTaskOutputParam& p)
     o.insert("acceleration.hardwareEnabled", p.acceleration.hardwareEnabled);
     o.insert("acceleration.gpuName", p.acceleration.gpuName);
     return QString::fromUtf8(QJsonDocument(o).toJson(QJsonDocument::Indented));
+}
+
+AVTaskOutputParam outputParamFromVariantMap(const QVariantMap& map)
+{
+    AVTaskOutputParam p;
+    p.outputPath = textOf(map, "outputPath");
+    p.format = textOf(map, "format");
+    p.ipcMode = flagOf(map, "ipcMode");
+    p.taskMode = wholeOf<qint32>(map, "taskMode");
+    p.vodDeMuxEnable = flagOf(map, "vodDeMuxEnable");
+    p.twoPassEncoding = flagOf(map, "twoPassEncoding");
+    p.isAlpha = flagOf(map, "isAlpha");
+    p.isUseSourceSDKPlatformSolution = flagOf(map, "isUseSourceSDKPlatformSolution");
+    p.video.codecName = textOf(map, "video.codecName");
+    p.video.width = wholeOf<qint32>(map, "video.width");
+    p.video.height = wholeOf<qint32>(map, "video.height");
+    p.video.frameRate = numberOf(map, "video.frameRate");
+    p.video.bitrateKbps = wholeOf<qint64>(map, "video.bitrateKbps");
+    p.audio.codecName = textOf(map, "audio.codecName");
+    p.audio.sampleRate = wholeOf<qint32>(map, "audio.sampleRate");
+    p.audio.channels = wholeOf<qint32>(map, "audio.channels");
+    p.audio.bitrateKbps = wholeOf<qint64>(map, "audio.bitrateKbps");
+    p.acceleration.losslessFormat = textOf(map, "acceleration.losslessFormat");
+    p.acceleration.hardwareEnabled = flagOf(map, "acceleration.hardwareEnabled");
+    p.acceleration.gpuName = textOf(map, "acceleration.gpuName");
+    return p;
 }
 
 QString readTextFile(const QString& path)

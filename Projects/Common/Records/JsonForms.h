@@ -34,6 +34,14 @@ KORVANERECORDS_EXPORT ConvertSource convertSourceFromJson(const QString& json);
 // audio codec name.
 KORVANERECORDS_EXPORT QString outputParamToJson(const AVTaskOutputParam& param);
 
+// The flat object outputParamToJson writes, read key by key, as the worker
+// and the host program's job files need it: a missing key, or a value of
+// another JSON kind than its field's (text where a number belongs, a number
+// where a flag belongs), gives the field's zero (empty text, 0, false);
+// whole numbers are truncated, and read 0 outside their field's range. "type"
+// is not required.
+KORVANERECORDS_EXPORT AVTaskOutputParam outputParamFromVariantMap(const QVariantMap& map);
+
 // The whole file decoded as UTF-8; empty when it cannot be opened.
 KORVANERECORDS_EXPORT QString readTextFile(const QString& path);
 

@@ -103,6 +103,18 @@ TEST(OutputParamWriting, GroupsAppearOnlyWithACodecName)
     p.audio.codecName = "aac";
     expectDocument(outputParamToJson(p), R"({"video.codecName":"h264","video.width":1920,)"
                                          R"("audio.codecName":"aac","audio.sampleRate":48000})");
+    p.video.bitrateKbps = 5000000000; // past 32 bits
+    p.acceleration.hardwareEnabled = true;
+    EXPECT_EQ(outputParamToJson(outputParamFromVariantMap(jsonToVariantMap(outputParamToJson(p)))),
+              outputParamToJson(p));
+    // Another JSON kind than the field's reads as missing; out of range as 0.
+    const AVTaskOutputParam odd = outputParamFromVariantMap(
+        jsonToVariantMap(R"({"video.codecName":"h264","video.width":"1920","video.height":1e12,)"
+                         R"("ipcMode":1,"format":7,"taskMode":-2.9})"));
+    AVTaskOutputParam expected;
+    expected.video.codecName = "h264";
+    expected.taskMode = -2;
+    EXPECT_EQ(outputParamToJson(odd), outputParamToJson(expected));
 }
 
 TEST(JsonAndPathHelpers, LayoutsFailuresAndSocialNames)
