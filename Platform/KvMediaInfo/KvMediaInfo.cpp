@@ -7,6 +7,7 @@
 
 extern "C" {
 #include <libavcodec/avcodec.h>
+#include <libavutil/dict.h>
 #include <libavutil/pixdesc.h>
 }
 
@@ -30,6 +31,17 @@ QString codecName(int codecId)
 double sampleAspectRatio(const VideoStreamInfo& video)
 {
     return video.sarNum > 0 && video.sarDen > 0 ? double(video.sarNum) / video.sarDen : 1.0;
+}
+
+// Every entry of the container's metadata dictionary.
+QMap<QString, QString> containerMetadata(const AVFormatContext* context)
+{
+    QMap<QString, QString> tags;
+    const AVDictionaryEntry* entry = nullptr;
+    while ((entry = av_dict_get(context->metadata, "", entry, AV_DICT_IGNORE_SUFFIX))) {
+        tags.insert(QString::fromUtf8(entry->key), QString::fromUtf8(entry->value));
+    }
+    return tags;
 }
 
 // A container without a duration carries FFmpeg's no-value marker, which the
@@ -66,6 +78,7 @@ QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool pro
     info->filePath = path;
     info->formatName = context->iformat ? QString::fromUtf8(context->iformat->name) : QString();
     info->durationMs = knownDurationMs(description->durationMs);
+    info->metadata = containerMetadata(context.data());
     for (const QSharedPointer<VideoStreamInfo>& video : description->videoStreams) {
         MediaInfoVideoStream stream;
         stream.index = video->streamIndex;
@@ -81,6 +94,7 @@ QSharedPointer<MediaInfoV3> getMediaInfo(const QString& path, int hint, bool pro
             stream.pixelFormat = QString::fromUtf8(pixel->name);
             stream.bitDepth = pixel->comp[0].depth;
         }
+        stream.colorSpace = context->streams[video->streamIndex]->codecpar->color_space;
         info->videoStreams.append(stream);
     }
     for (const QSharedPointer<AudioStreamInfo>& audio : description->audioStreams) {

@@ -3,6 +3,7 @@
 #include "KvMediaInfo/KvMediaInfoExport.h"
 
 #include <QList>
+#include <QMap>
 #include <QSharedPointer>
 #include <QString>
 
@@ -22,12 +23,15 @@ struct MediaInfoVideoStream
     double rotation = 0.0; // degrees clockwise, 0, 90, 180 or 270 for usual files
     qint32 sarNum = 0;     // sample aspect ratio as stored (0/1 when unknown)
     qint32 sarDen = 1;
-    qint32 bitDepth = 8; // of the first component of the pixel format
-    QString pixelFormat; // FFmpeg's name, empty when unknown
+    qint32 bitDepth = 8;   // of the first component of the pixel format
+    QString pixelFormat;   // FFmpeg's name, empty when unknown
+    qint32 colorSpace = 2; // AVColorSpace as stored; 2 (unspecified) when the file says nothing
 
     // Sample aspect ratio for picture arithmetic: sarNum/sarDen when both are
     // positive, else 1.0.
     double sar() const { return sarNum > 0 && sarDen > 0 ? double(sarNum) / sarDen : 1.0; }
+    // The BT.2020 matrix, constant luminance or not (AVCOL_SPC_BT2020_NCL, _CL).
+    bool isBt2020() const { return colorSpace == 9 || colorSpace == 10; }
 };
 
 struct MediaInfoAudioStream
@@ -45,6 +49,7 @@ struct MediaInfoV3
     qint64 durationMs = 0; // 0 when the container states no duration
     QList<MediaInfoVideoStream> videoStreams; // attached pictures included, in stream order
     QList<MediaInfoAudioStream> audioStreams;
+    QMap<QString, QString> metadata; // the container's tags as stored, e.g. "title"
 };
 
 // `hint` and `probeStreams` are the host's (it passes -1 or -2, and true);

@@ -2,7 +2,6 @@
 
 #include "Common/Records/OutputRules.h"
 #include "KorvaneBase/Record.h"
-#include "KorvaneDec/FFDemuxer.h"
 #include "KvMediaInfo/KvMediaInfo.h"
 
 #include <QLoggingCategory>
@@ -10,11 +9,6 @@
 #include <QStringList>
 
 #include <cmath>
-
-extern "C" {
-#include <libavutil/dict.h>
-#include <libavutil/pixdesc.h>
-}
 
 Q_LOGGING_CATEGORY(lcConvertSourceHelper, "korvane.common.convertsource")
 
@@ -35,15 +29,16 @@ QStringList hevcContainerList()
     return {"mp4", "mkv", "avi", "mov"};
 }
 
-// Every entry of the container's metadata dictionary.
-QMap<QString, QString> containerMetadata(const AVFormatContext* context)
+// The first stream of the file when it is a video stream; null otherwise
+// (no streams, or sound, subtitles or data first).
+const MediaInfoVideoStream* firstStreamAsVideo(const MediaInfoV3& info)
 {
-    QMap<QString, QString> tags;
-    const AVDictionaryEntry* entry = nullptr;
-    while ((entry = av_dict_get(context->metadata, "", entry, AV_DICT_IGNORE_SUFFIX))) {
-        tags.insert(QString::fromUtf8(entry->key), QString::fromUtf8(entry->value));
+    for (const MediaInfoVideoStream& video : info.videoStreams) {
+        if (video.index == 0) {
+            return &video;
+        }
     }
-    return tags;
+    return nullptr;
 }
 
 // The job keeps the file's tags: the texts and the genre read as an integer
@@ -86,38 +81,26 @@ bool ConvertSourceHelper::isSupportedByTranscoderFFmpeg(const ConvertSource& sou
             << "invalid job field: " << invalidField;
         return false;
     }
-    FFDemuxer demuxer;
-    if (!demuxer.open(source.filePath)) {
-        return false;
-    }
-    const QSharedPointer<MediaDescription> summary = demuxer.mediaInfo();
-    if (!summary) {
+    // One probe answers every question about the file.
+    const QSharedPointer<MediaInfoV3> info = getMediaInfo(source.filePath, -1, true);
+    if (!info) {
         return false;
     }
     const qsizetype dot = source.filePath.lastIndexOf(QLatin1Char('.'));
     const QString extension = source.filePath.mid(dot + 1).toLower();
     const QString format = output.format.toLower();
     const QString videoCodec = output.video.codecName.toLower();
-    if (summary->streams.isEmpty()) {
+
+    const MediaInfoVideoStream* first = firstStreamAsVideo(*info);
+    if (!first) {
         return false;
     }
-
-    const StreamInfo& first = *summary->streams.first();
-    if (first.codecId == AV_CODEC_ID_H264) {
-        if (!h264ContainerList().contains(extension)) {
+    if (first->codecName == QLatin1String("h264")) {
+        // High-bit-depth H.264 is refused.
+        if (!h264ContainerList().contains(extension) || first->bitDepth >= 10) {
             return false;
         }
-        // High-bit-depth H.264 is refused.
-        const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
-        if (first.streamIndex >= 0 && unsigned(first.streamIndex) < context->nb_streams) {
-            const AVCodecParameters* parameters = context->streams[first.streamIndex]->codecpar;
-            const AVPixFmtDescriptor* descriptor =
-                av_pix_fmt_desc_get(AVPixelFormat(parameters->format));
-            if (descriptor && descriptor->comp[0].depth >= 10) {
-                return false;
-            }
-        }
-    } else if (first.codecId == AV_CODEC_ID_HEVC) {
+    } else if (first->codecName == QLatin1String("h265")) {
         if (!hevcContainerList().contains(extension)) {
             return false;
         }
@@ -137,12 +120,7 @@ bool ConvertSourceHelper::isSupportedByTranscoderFFmpeg(const ConvertSource& sou
         return false;
     }
 
-    if (!keepsMetadata(containerMetadata(demuxer.formatContext().data()), source.metaData)) {
-        return false;
-    }
-
-    const QSharedPointer<MediaInfoV3> info = getMediaInfo(source.filePath, -1, true);
-    if (!info) {
+    if (!keepsMetadata(info->metadata, source.metaData)) {
         return false;
     }
     const qsizetype audioCount = info->audioStreams.size();
@@ -188,25 +166,9 @@ bool isConverterSourceSupportedByTranscoder(const ConvertSource& source, const Q
     }
 
     // A file that cannot be read gets the benefit of the doubt.
-    FFDemuxer demuxer;
-    if (!demuxer.open(source.filePath)) {
-        return true;
-    }
-    const QSharedPointer<MediaDescription> summary = demuxer.mediaInfo();
-    if (!summary || summary->streams.isEmpty()) {
-        return true;
-    }
-    const qint32 index = summary->streams.first()->streamIndex;
-    const QSharedPointer<AVFormatContext> context = demuxer.formatContext();
-    if (index < 0 || unsigned(index) >= context->nb_streams) {
-        return true;
-    }
-    const AVCodecParameters* parameters = context->streams[index]->codecpar;
-    if (!parameters) {
-        return true;
-    }
-    if (parameters->color_space == AVCOL_SPC_BT2020_NCL ||
-        parameters->color_space == AVCOL_SPC_BT2020_CL) {
+    const QSharedPointer<MediaInfoV3> info = getMediaInfo(source.filePath, -1, true);
+    const MediaInfoVideoStream* first = info ? firstStreamAsVideo(*info) : nullptr;
+    if (first && first->isBt2020()) {
         Record(QStringLiteral("Korvane::isConverterSourceSupportedByTranscoder"), __LINE__,
                kSourceFile, nullptr, 0)
             << "HDR video";
