@@ -1,8 +1,10 @@
 #include "KorvaneDec/NLEditor/ProjectDocument.h"
+#include "Common/Records/TimelineKeys.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QSet>
 #include <QtGlobal>
 
 #include <algorithm>
@@ -10,7 +12,30 @@
 
 namespace Korvane {
 
+using namespace TimelineKeys;
+
 namespace {
+
+// The keys looked up while a caller of parseProjectDocument collects them
+// (null otherwise): writers of documents check against it that the engine
+// reads what they write.
+thread_local QSet<QString>* tKeysRead = nullptr;
+
+QJsonValue field(const QJsonObject& object, QLatin1String key)
+{
+    if (tKeysRead) {
+        tKeysRead->insert(key);
+    }
+    return object.value(key);
+}
+
+bool has(const QJsonObject& object, QLatin1String key)
+{
+    if (tKeysRead) {
+        tKeysRead->insert(key);
+    }
+    return object.contains(key);
+}
 
 // A pixel number from a document that may be damaged: converting a double
 // that no int holds is undefined, so values stick at +-2^20 (far beyond any
@@ -49,46 +74,46 @@ ClipTransform readTransform(const QJsonObject& object)
     ClipTransform transform;
     double w = 0;
     double h = 0;
-    if (pair(object.value(QLatin1String("bg_size")).toString(), &w, &h)) {
+    if (pair(field(object, kBgSize).toString(), &w, &h)) {
         transform.bgSize = QSize(pixels(w), pixels(h));
     }
-    const QStringList crop = object.value(QLatin1String("crop")).toString().split(QLatin1Char(','));
+    const QStringList crop = field(object, kCrop).toString().split(QLatin1Char(','));
     if (crop.size() == 4) {
         transform.crop =
             QRectF(crop[0].toDouble(), crop[1].toDouble(), crop[2].toDouble(), crop[3].toDouble());
     }
-    transform.flipX = object.value(QLatin1String("flip_x")).toBool();
-    transform.flipY = object.value(QLatin1String("flip_y")).toBool();
-    transform.rotation = object.value(QLatin1String("rotation")).toInt();
-    transform.scaleX = object.value(QLatin1String("scale_x")).toDouble(1.0);
-    transform.scaleY = object.value(QLatin1String("scale_y")).toDouble(1.0);
+    transform.flipX = field(object, kFlipX).toBool();
+    transform.flipY = field(object, kFlipY).toBool();
+    transform.rotation = field(object, kRotation).toInt();
+    transform.scaleX = field(object, kScaleX).toDouble(1.0);
+    transform.scaleY = field(object, kScaleY).toDouble(1.0);
     return transform;
 }
 
 MediaClip readMediaClip(const QJsonObject& object)
 {
     MediaClip clip;
-    clip.id = object.value(QLatin1String("id")).toString();
-    clip.kind = object.value(QLatin1String("kind")).toString();
-    clip.filePath = object.value(QLatin1String("file_path")).toString();
-    clip.trackRef = object.value(QLatin1String("track_ref")).toString();
-    clip.timelinePosMs = object.value(QLatin1String("timeline_pos")).toDouble();
-    clip.rangeBeginMs = object.value(QLatin1String("range_begin")).toVariant().toLongLong();
-    clip.rangeLengthMs = object.value(QLatin1String("range_length")).toVariant().toLongLong();
-    const double speed = object.value(QLatin1String("speed")).toDouble(1.0);
+    clip.id = field(object, kId).toString();
+    clip.kind = field(object, kKind).toString();
+    clip.filePath = field(object, kFilePath).toString();
+    clip.trackRef = field(object, kTrackRef).toString();
+    clip.timelinePosMs = field(object, kTimelinePos).toDouble();
+    clip.rangeBeginMs = field(object, kRangeBegin).toVariant().toLongLong();
+    clip.rangeLengthMs = field(object, kRangeLength).toVariant().toLongLong();
+    const double speed = field(object, kSpeed).toDouble(1.0);
     clip.speed = speed > 0.0 ? speed : 1.0;
-    clip.fileAudioStreamIndex = object.value(QLatin1String("file_audio_stream_index")).toInt(-1);
-    if (object.contains(QLatin1String("transform"))) {
+    clip.fileAudioStreamIndex = field(object, kFileAudioStreamIndex).toInt(-1);
+    if (has(object, kTransform)) {
         clip.hasTransform = true;
-        clip.transform = readTransform(object.value(QLatin1String("transform")).toObject());
+        clip.transform = readTransform(field(object, kTransform).toObject());
     }
-    for (const QJsonValue& value : object.value(QLatin1String("video_filters")).toArray()) {
+    for (const QJsonValue& value : field(object, kVideoFilters).toArray()) {
         const QJsonObject filter = value.toObject();
         VideoFilterEntry entry;
-        entry.name = filter.value(QLatin1String("name")).toString();
-        entry.anaglyphType = filter.value(QLatin1String("anaglyph_type")).toString();
-        entry.dirPath = filter.value(QLatin1String("dir_path")).toString();
-        const QJsonValue v = filter.value(QLatin1String("value"));
+        entry.name = field(filter, kName).toString();
+        entry.anaglyphType = field(filter, kAnaglyphType).toString();
+        entry.dirPath = field(filter, kDirPath).toString();
+        const QJsonValue v = field(filter, kValue);
         if (v.isString()) {
             entry.path = v.toString();
         } else {
@@ -96,20 +121,18 @@ MediaClip readMediaClip(const QJsonObject& object)
         }
         clip.videoFilters.append(entry);
     }
-    for (const QJsonValue& value : object.value(QLatin1String("audio_filters")).toArray()) {
+    for (const QJsonValue& value : field(object, kAudioFilters).toArray()) {
         const QJsonObject filter = value.toObject();
-        clip.audioFilters.append({filter.value(QLatin1String("name")).toString(),
-                                  filter.value(QLatin1String("value")).toInt()});
+        clip.audioFilters.append({field(filter, kName).toString(), field(filter, kValue).toInt()});
     }
-    for (const QJsonValue& value : object.value(QLatin1String("subtitles")).toArray()) {
+    for (const QJsonValue& value : field(object, kSubtitles).toArray()) {
         const QJsonObject subtitle = value.toObject();
         SubtitleEntry entry;
-        entry.embeddedStreamIndex =
-            subtitle.value(QLatin1String("embedded_subtitle_stream_index")).toInt();
-        entry.filePath = subtitle.value(QLatin1String("attached_file_path")).toString();
-        entry.offsetMs = subtitle.value(QLatin1String("attached_offset")).toVariant().toLongLong();
-        entry.title = subtitle.value(QLatin1String("title")).toString();
-        entry.display = subtitle.value(QLatin1String("display")).toBool();
+        entry.embeddedStreamIndex = field(subtitle, kEmbeddedSubtitleStreamIndex).toInt();
+        entry.filePath = field(subtitle, kAttachedFilePath).toString();
+        entry.offsetMs = field(subtitle, kAttachedOffset).toVariant().toLongLong();
+        entry.title = field(subtitle, kTitle).toString();
+        entry.display = field(subtitle, kDisplay).toBool();
         clip.subtitles.append(entry);
     }
     return clip;
@@ -118,25 +141,25 @@ MediaClip readMediaClip(const QJsonObject& object)
 ImageClip readImageClip(const QJsonObject& object)
 {
     ImageClip clip;
-    clip.id = object.value(QLatin1String("id")).toString();
-    clip.filePath = object.value(QLatin1String("file_path")).toString();
-    clip.trackRef = object.value(QLatin1String("track_ref")).toString();
-    clip.timelinePosMs = object.value(QLatin1String("timeline_pos")).toDouble();
-    clip.rangeLengthMs = object.value(QLatin1String("range_length")).toVariant().toLongLong();
-    const double speed = object.value(QLatin1String("speed")).toDouble(1.0);
+    clip.id = field(object, kId).toString();
+    clip.filePath = field(object, kFilePath).toString();
+    clip.trackRef = field(object, kTrackRef).toString();
+    clip.timelinePosMs = field(object, kTimelinePos).toDouble();
+    clip.rangeLengthMs = field(object, kRangeLength).toVariant().toLongLong();
+    const double speed = field(object, kSpeed).toDouble(1.0);
     clip.speed = speed > 0.0 ? speed : 1.0;
-    clip.alpha = object.value(QLatin1String("alpha")).toDouble(1.0);
-    const QJsonObject transform = object.value(QLatin1String("transform")).toObject();
+    clip.alpha = field(object, kAlpha).toDouble(1.0);
+    const QJsonObject transform = field(object, kTransform).toObject();
     double x = 0;
     double y = 0;
-    if (pair(transform.value(QLatin1String("center_pos")).toString(), &x, &y)) {
+    if (pair(field(transform, kCenterPos).toString(), &x, &y)) {
         clip.center = QPoint(pixels(x), pixels(y));
     }
-    clip.rotation = transform.value(QLatin1String("rotation")).toInt();
-    clip.flipX = transform.value(QLatin1String("flip_x")).toBool();
-    clip.flipY = transform.value(QLatin1String("flip_y")).toBool();
-    clip.scaleX = transform.value(QLatin1String("scale_x")).toDouble(1.0);
-    clip.scaleY = transform.value(QLatin1String("scale_y")).toDouble(1.0);
+    clip.rotation = field(transform, kRotation).toInt();
+    clip.flipX = field(transform, kFlipX).toBool();
+    clip.flipY = field(transform, kFlipY).toBool();
+    clip.scaleX = field(transform, kScaleX).toDouble(1.0);
+    clip.scaleY = field(transform, kScaleY).toDouble(1.0);
     return clip;
 }
 
@@ -158,7 +181,7 @@ double ProjectDocument::durationMs() const
     return end;
 }
 
-bool parseProjectDocument(const QString& json, ProjectDocument* document, QString* error)
+static bool readDocument(const QString& json, ProjectDocument* document, QString* error)
 {
     QJsonParseError parseError;
     const QJsonDocument parsed = QJsonDocument::fromJson(json.toUtf8(), &parseError);
@@ -173,33 +196,32 @@ bool parseProjectDocument(const QString& json, ProjectDocument* document, QStrin
     const QJsonObject root = parsed.object();
     ProjectDocument doc;
 
-    const QJsonObject preview = root.value(QLatin1String("preview_param")).toObject();
-    doc.fps = preview.value(QLatin1String("fps")).toDouble(25.0);
+    const QJsonObject preview = field(root, kPreviewParam).toObject();
+    doc.fps = field(preview, kFps).toDouble(25.0);
     if (doc.fps <= 0.0) {
         doc.fps = 25.0;
     }
-    doc.previewWidth = preview.value(QLatin1String("width")).toDouble(640.0);
-    doc.previewHeight = preview.value(QLatin1String("height")).toDouble(480.0);
-    doc.zoom = preview.value(QLatin1String("zoom")).toDouble(0.0);
-    doc.audioDisabled = preview.value(QLatin1String("audio_disabled")).toBool();
-    doc.videoDisabled = preview.value(QLatin1String("video_disabled")).toBool();
+    doc.previewWidth = field(preview, kWidth).toDouble(640.0);
+    doc.previewHeight = field(preview, kHeight).toDouble(480.0);
+    doc.zoom = field(preview, kZoom).toDouble(0.0);
+    doc.audioDisabled = field(preview, kAudioDisabled).toBool();
+    doc.videoDisabled = field(preview, kVideoDisabled).toBool();
 
-    doc.metaData = root.value(QLatin1String("meta_data")).toObject().toVariantMap();
+    doc.metaData = field(root, kMetaData).toObject().toVariantMap();
     doc.metaData.remove(QStringLiteral("id"));
-    doc.coverPath =
-        root.value(QLatin1String("cover")).toObject().value(QLatin1String("path")).toString();
+    doc.coverPath = field(field(root, kCover).toObject(), kPath).toString();
 
     QString trunkId;
     QHash<QString, Track> tracks;
-    for (const QJsonValue& value : root.value(QLatin1String("tracks")).toArray()) {
+    for (const QJsonValue& value : field(root, kTracks).toArray()) {
         const QJsonObject object = value.toObject();
         Track track;
-        track.id = object.value(QLatin1String("id")).toString();
-        track.kind = object.value(QLatin1String("kind")).toString();
-        track.zOrder = object.value(QLatin1String("z_order")).toInt();
-        track.trunk = object.value(QLatin1String("trunk")).toBool();
-        track.disabled = object.value(QLatin1String("disabled")).toBool();
-        track.mute = object.value(QLatin1String("mute")).toBool();
+        track.id = field(object, kId).toString();
+        track.kind = field(object, kKind).toString();
+        track.zOrder = field(object, kZOrder).toInt();
+        track.trunk = field(object, kTrunk).toBool();
+        track.disabled = field(object, kDisabled).toBool();
+        track.mute = field(object, kMute).toBool();
         if (track.trunk && trunkId.isEmpty()) {
             trunkId = track.id;
         }
@@ -208,10 +230,10 @@ bool parseProjectDocument(const QString& json, ProjectDocument* document, QStrin
     }
 
     int clipCount = 0;
-    for (const QJsonValue& value : root.value(QLatin1String("clips")).toArray()) {
+    for (const QJsonValue& value : field(root, kClips).toArray()) {
         const QJsonObject object = value.toObject();
-        const QString type = object.value(QLatin1String("type")).toString();
-        const Track track = tracks.value(object.value(QLatin1String("track_ref")).toString());
+        const QString type = field(object, kType).toString();
+        const Track track = tracks.value(field(object, kTrackRef).toString());
         if (track.disabled) {
             continue;
         }
@@ -242,6 +264,15 @@ bool parseProjectDocument(const QString& json, ProjectDocument* document, QStrin
                      [](const ImageClip& a, const ImageClip& b) { return a.zOrder < b.zOrder; });
     *document = doc;
     return true;
+}
+
+bool parseProjectDocument(const QString& json, ProjectDocument* document, QString* error,
+                          QSet<QString>* keysRead)
+{
+    tKeysRead = keysRead;
+    const bool read = readDocument(json, document, error);
+    tKeysRead = nullptr;
+    return read;
 }
 
 } // namespace Korvane

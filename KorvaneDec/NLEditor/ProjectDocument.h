@@ -5,6 +5,7 @@
 #include <QList>
 #include <QPoint>
 #include <QRectF>
+#include <QSet>
 #include <QSize>
 #include <QString>
 #include <QVariantMap>
@@ -127,8 +128,10 @@ struct KORVANENLEDITOR_EXPORT ProjectDocument
 
 // Reads a timeline document. Keys this engine does not render are ignored;
 // missing keys take the defaults above. Returns false with `error` set when
-// the text is not a JSON object or holds no clip at all.
+// the text is not a JSON object or holds no clip at all. With `keysRead`,
+// every key name the reader looked up is added to it (for checking a writer
+// of documents against the reader).
 KORVANENLEDITOR_EXPORT bool parseProjectDocument(const QString& json, ProjectDocument* document,
-                                                 QString* error);
+                                                 QString* error, QSet<QString>* keysRead = nullptr);
 
 } // namespace Korvane

@@ -2,6 +2,7 @@
 
 #include "Common/Records/JobInputs.h"
 #include "Common/Records/JsonForms.h"
+#include "Common/Records/TimelineOptions.h"
 #include "Common/Support/ConvertSourceHelper.h"
 #include "Common/Task/AVFFmpegTask.h"
 #include "Common/Task/TaskSignalBus.h"
@@ -181,9 +182,8 @@ void FFmpegController::codecConvert()
             << QStringLiteral("Complete convert failed, convert type: Codec Gl, file, src: %1 "
                               "dst: %2.")
                    .arg(source.filePath, outputParam.outputPath);
-        const QVariantMap size{{QStringLiteral("width"), outputParam.video.width},
-                               {QStringLiteral("height"), outputParam.video.height}};
-        const QString projectDocument = makeTimelineProjectJson(source, size);
+        const QString projectDocument = makeTimelineProjectJson(
+            source, timelineOutputOptions(outputParam, UnsetOutputSize::Passed));
         mFallbackOperator = rawCreateExportOp_IPC(projectDocument, outputParam);
     }
 

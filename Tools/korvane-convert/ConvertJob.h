@@ -2,6 +2,7 @@
 
 #include "Common/Records/AVTaskOutputParam.h"
 #include "Common/Records/ConvertSource.h"
+#include "Common/Records/TimelineOptions.h"
 
 #include <QVariantMap>
 
@@ -24,8 +25,7 @@ struct ConvertJob
         if (timelineOptions) {
             return *timelineOptions;
         }
-        return {{QStringLiteral("width"), output.video.width},
-                {QStringLiteral("height"), output.video.height}};
+        return timelineOutputOptions(output, UnsetOutputSize::Passed);
     }
 };
 

@@ -5,6 +5,7 @@
 #include "Common/Records/JobInputs.h"
 #include "Common/Records/JsonForms.h"
 #include "Common/Records/OutputRules.h"
+#include "Common/Records/TimelineOptions.h"
 #include "Common/Timeline/TimelineProject.h"
 #include "KorvaneBase/Record.h"
 #include "KorvaneDec/NLEditor/ProjectDocument.h"
@@ -105,13 +106,9 @@ bool runWorkerJob(const WorkerArguments& arguments, WorkerProtocol& protocol,
                             .arg(output.outputPath, overwritten));
         }
         // The output's size becomes the canvas; a record without a size keeps
-        // the probed picture size (a 0 would give the document's 640x480).
-        QVariantMap options;
-        if (output.video.width >= 1 && output.video.height >= 1) {
-            options.insert(QStringLiteral("width"), output.video.width);
-            options.insert(QStringLiteral("height"), output.video.height);
-        }
-        documentText = makeTimelineProjectJson(source, options);
+        // the probed picture size.
+        documentText = makeTimelineProjectJson(
+            source, timelineOutputOptions(output, UnsetOutputSize::Omitted));
     } else if (!readFile(arguments.projectFile, &documentText, &error)) {
         return fail(error);
     }

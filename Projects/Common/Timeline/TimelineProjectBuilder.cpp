@@ -2,6 +2,7 @@
 
 #include "Common/Records/JsonForms.h"
 #include "Common/Records/OutputRules.h"
+#include "Common/Records/TimelineKeys.h"
 #include "Common/Timeline/TimelineProject.h"
 
 #include <QFileInfo>
@@ -14,6 +15,8 @@
 Q_LOGGING_CATEGORY(lcTimelineProject, "korvane.common.timelineproject", QtInfoMsg)
 
 namespace Korvane {
+
+using namespace TimelineKeys;
 namespace {
 
 // Shared by "transform_%1" and "2dTo3d_%1" across every document of the
@@ -64,18 +67,18 @@ TimelineProjectBuilder::TimelineProjectBuilder(const ConvertSource& source,
 QString TimelineProjectBuilder::build()
 {
     readMediaFacts();
-    m_document.insert("id", "/");
+    m_document.insert(kId, "/");
     writePreviewParam();
     writeZoom();
-    m_document.insert("preview_param", m_previewParam);
+    m_document.insert(kPreviewParam, m_previewParam);
     createTracks();
     buildMainTransform();
     buildMainFilters();
     appendSourceClips();
     appendAttachedAudioClips();
     appendWaterMarks();
-    m_document.insert("tracks", m_tracks);
-    m_document.insert("clips", m_clips);
+    m_document.insert(kTracks, m_tracks);
+    m_document.insert(kClips, m_clips);
     return variantMapToJson(m_document, true);
 }
 
@@ -120,17 +123,17 @@ void TimelineProjectBuilder::readMediaFacts()
     m_pictureWidth = m_width;
     m_pictureHeight = m_height;
 
-    if (m_options.contains("duration")) {
-        m_durationMs = m_options.value("duration").toLongLong();
+    if (m_options.contains(kOptionDuration)) {
+        m_durationMs = m_options.value(kOptionDuration).toLongLong();
     }
-    if (m_options.contains("width")) {
-        m_width = m_options.value("width").toInt();
+    if (m_options.contains(kOptionWidth)) {
+        m_width = m_options.value(kOptionWidth).toInt();
     }
-    if (m_options.contains("height")) {
-        m_height = m_options.value("height").toInt();
+    if (m_options.contains(kOptionHeight)) {
+        m_height = m_options.value(kOptionHeight).toInt();
     }
-    if (m_options.contains("fps")) {
-        m_fps = m_options.value("fps").toDouble();
+    if (m_options.contains(kOptionFps)) {
+        m_fps = m_options.value(kOptionFps).toDouble();
     }
 
     const int audioStreams = m_info ? int(m_info->audioStreams.size()) : 0;
@@ -144,17 +147,17 @@ void TimelineProjectBuilder::readMediaFacts()
 
 void TimelineProjectBuilder::writePreviewParam()
 {
-    m_previewParam.insert("id", "preview_param");
-    m_previewParam.insert("fps", m_fps);
-    m_previewParam.insert("width", m_width != 0 ? m_width : 640);
-    m_previewParam.insert("height", m_height != 0 ? m_height : 480);
+    m_previewParam.insert(kId, "preview_param");
+    m_previewParam.insert(kFps, m_fps);
+    m_previewParam.insert(kWidth, m_width != 0 ? m_width : 640);
+    m_previewParam.insert(kHeight, m_height != 0 ? m_height : 480);
     if (m_source.selfAudios.isEmpty() && m_source.attachedAudio.isEmpty()) {
-        m_previewParam.insert("audio_disabled", true);
+        m_previewParam.insert(kAudioDisabled, true);
     }
     if (!m_realPicture) {
-        m_previewParam.insert("video_disabled", true);
-        if (isSocialOutputType(m_options.value("socialType").toString())) {
-            m_previewParam.insert("video_disabled", false);
+        m_previewParam.insert(kVideoDisabled, true);
+        if (isSocialOutputType(m_options.value(kOptionSocialType).toString())) {
+            m_previewParam.insert(kVideoDisabled, false);
         }
     }
 }
@@ -168,26 +171,26 @@ void TimelineProjectBuilder::writeZoom()
     // Integer divisions: only the coarse shape decides which side is kept.
     if (m_width / m_height <= m_pictureWidth / m_pictureHeight) {
         const double zoom = double(m_width) / m_pictureWidth;
-        m_previewParam.insert("zoom", zoom);
-        m_previewParam.insert("height", m_height / zoom);
-        m_previewParam.insert("width", m_pictureWidth);
+        m_previewParam.insert(kZoom, zoom);
+        m_previewParam.insert(kHeight, m_height / zoom);
+        m_previewParam.insert(kWidth, m_pictureWidth);
     } else {
         const double zoom = double(m_height) / m_pictureHeight;
-        m_previewParam.insert("zoom", zoom);
-        m_previewParam.insert("width", m_width / zoom);
-        m_previewParam.insert("height", m_pictureHeight);
+        m_previewParam.insert(kZoom, zoom);
+        m_previewParam.insert(kWidth, m_width / zoom);
+        m_previewParam.insert(kHeight, m_pictureHeight);
     }
 }
 
 QVariantMap TimelineProjectBuilder::makeTrack(const QString& kind, int zOrder, bool trunk)
 {
-    return QVariantMap{{"id", QStringLiteral("track_%1").arg(m_trackCounter++)},
-                       {"type", "track"},
-                       {"kind", kind},
-                       {"z_order", zOrder},
-                       {"trunk", trunk},
-                       {"disabled", false},
-                       {"mute", false}};
+    return QVariantMap{{kId, QStringLiteral("track_%1").arg(m_trackCounter++)},
+                       {kType, "track"},
+                       {kKind, kind},
+                       {kZOrder, zOrder},
+                       {kTrunk, trunk},
+                       {kDisabled, false},
+                       {kMute, false}};
 }
 
 void TimelineProjectBuilder::createTracks()
@@ -199,11 +202,11 @@ void TimelineProjectBuilder::createTracks()
     }
     if (!m_source.metaData.isEmpty()) {
         QVariantMap metaData = m_source.metaData;
-        metaData.insert("id", "meta_data");
-        m_document.insert("meta_data", metaData);
+        metaData.insert(kId, "meta_data");
+        m_document.insert(kMetaData, metaData);
     }
     if (!m_source.coverPath.isEmpty()) {
-        m_document.insert("cover", QVariantMap{{"id", "cover"}, {"path", m_source.coverPath}});
+        m_document.insert(kCover, QVariantMap{{kId, "cover"}, {kPath, m_source.coverPath}});
     }
 }
 
@@ -249,18 +252,18 @@ void TimelineProjectBuilder::buildMainTransform()
     // General form at Qt's default precision: six significant digits, no
     // trailing zeros (1/3 is written 0.333333), as the export engine expects.
     const auto number = [](double value) { return QString::number(value, 'g', -1); };
-    m_mainTransform = QVariantMap{{"id", QStringLiteral("transform_%1").arg(nextTransformNumber())},
-                                  {"type", "transform"},
-                                  {"bg_size", QStringLiteral("%1,%2").arg(m_width).arg(m_height)},
-                                  {"crop", QStringLiteral("%1,%2,%3,%4")
-                                               .arg(number(crop.cropX), number(crop.cropY),
-                                                    number(crop.cropW), number(crop.cropH))},
-                                  {"flip_x", crop.flipX},
-                                  {"flip_y", crop.flipY}};
+    m_mainTransform = QVariantMap{{kId, QStringLiteral("transform_%1").arg(nextTransformNumber())},
+                                  {kType, "transform"},
+                                  {kBgSize, QStringLiteral("%1,%2").arg(m_width).arg(m_height)},
+                                  {kCrop, QStringLiteral("%1,%2,%3,%4")
+                                              .arg(number(crop.cropX), number(crop.cropY),
+                                                   number(crop.cropW), number(crop.cropH))},
+                                  {kFlipX, crop.flipX},
+                                  {kFlipY, crop.flipY}};
 
     if (const std::optional<float> scale = rotationScale(crop.rotation)) {
-        m_mainTransform.insert("scale_x", *scale);
-        m_mainTransform.insert("scale_y", *scale);
+        m_mainTransform.insert(kScaleX, *scale);
+        m_mainTransform.insert(kScaleY, *scale);
     }
 
     // A side-by-side picture is squeezed to half its width, a top-and-bottom
@@ -269,16 +272,16 @@ void TimelineProjectBuilder::buildMainTransform()
     const QString& effect = m_source.effectFilter;
     if (effect.contains("Anaglyph")) {
         if (effect.contains("Side by Side")) {
-            m_mainTransform.insert("scale_x", 2.0);
+            m_mainTransform.insert(kScaleX, 2.0);
         } else if (effect.contains("Top and Bottom")) {
             if (m_source.cut.isEmpty()) {
-                m_mainTransform.insert("scale_y", 2.0);
+                m_mainTransform.insert(kScaleY, 2.0);
             } else {
-                m_mainTransform.insert("scale_x", 0.5);
+                m_mainTransform.insert(kScaleX, 0.5);
             }
         }
     }
-    m_mainTransform.insert("rotation", crop.rotation);
+    m_mainTransform.insert(kRotation, crop.rotation);
 }
 
 QString TimelineProjectBuilder::nextFilterId(const QString& prefix)
@@ -288,10 +291,8 @@ QString TimelineProjectBuilder::nextFilterId(const QString& prefix)
 
 QVariantMap TimelineProjectBuilder::makeVideoFilter(const QString& name, const QVariant& value)
 {
-    return QVariantMap{{"id", nextFilterId("vfilter_")},
-                       {"type", "video_filter"},
-                       {"name", name},
-                       {"value", value}};
+    return QVariantMap{
+        {kId, nextFilterId("vfilter_")}, {kType, "video_filter"}, {kName, name}, {kValue, value}};
 }
 
 void TimelineProjectBuilder::buildMainFilters()
@@ -321,68 +322,67 @@ void TimelineProjectBuilder::buildMainFilters()
     const QString& effect = m_source.effectFilter;
     if (effect.contains("Anaglyph")) {
         m_mainVideoFilters.append(
-            QVariantMap{{"id", nextFilterId("video_filter_")},
-                        {"anaglyph_type", effect},
-                        {"source", QStringLiteral("2dTo3d_%1").arg(nextTransformNumber())}});
+            QVariantMap{{kId, nextFilterId("video_filter_")},
+                        {kAnaglyphType, effect},
+                        {kSource, QStringLiteral("2dTo3d_%1").arg(nextTransformNumber())}});
     } else if (!effect.isEmpty()) {
         // An effect is a folder whose config.json names its resources.
         const QVariantMap config = jsonToVariantMap(readTextFile(effect + "/config.json"));
-        m_mainVideoFilters.append(QVariantMap{{"id", nextFilterId("video_filter_")},
-                                              {"type", "video_filter"},
-                                              {"value", 100},
-                                              {"dir_path", effect},
-                                              {"rcc_prefix", config.value("rcc_prefix").toString()},
-                                              {"source", config.value("source").toString()},
-                                              {"title", config.value("title").toString()},
-                                              {"kind", "video"}});
+        m_mainVideoFilters.append(QVariantMap{{kId, nextFilterId("video_filter_")},
+                                              {kType, "video_filter"},
+                                              {kValue, 100},
+                                              {kDirPath, effect},
+                                              {kRccPrefix, config.value("rcc_prefix").toString()},
+                                              {kSource, config.value("source").toString()},
+                                              {kTitle, config.value("title").toString()},
+                                              {kKind, "video"}});
     }
 
     if (m_source.baseFilter.volume != 100) {
-        m_mainAudioFilters.append(QVariantMap{{"id", nextFilterId("afilter_")},
-                                              {"type", "audio_filter"},
-                                              {"name", "Volume"},
-                                              {"value", m_source.baseFilter.volume}});
+        m_mainAudioFilters.append(QVariantMap{{kId, nextFilterId("afilter_")},
+                                              {kType, "audio_filter"},
+                                              {kName, "Volume"},
+                                              {kValue, m_source.baseFilter.volume}});
     }
 }
 
 QVariantMap TimelineProjectBuilder::makeMediaClip(const QString& kind, const QString& filePath,
                                                   int track)
 {
-    return QVariantMap{
-        {"type", "clip"},        {"kind", kind},
-        {"file_path", filePath}, {"track_ref", QStringLiteral("track_%1").arg(track)},
-        {"speed", m_speed},      {"stream_index", track}};
+    return QVariantMap{{kType, "clip"},       {kKind, kind},
+                       {kFilePath, filePath}, {kTrackRef, QStringLiteral("track_%1").arg(track)},
+                       {kSpeed, m_speed},     {kStreamIndex, track}};
 }
 
 void TimelineProjectBuilder::appendMediaClip(QVariantMap clip)
 {
-    clip.insert("id", QStringLiteral("clip_%1").arg(m_clipCounter++));
+    clip.insert(kId, QStringLiteral("clip_%1").arg(m_clipCounter++));
     m_clips.append(clip);
 }
 
 QVariantList TimelineProjectBuilder::subtitles() const
 {
     const bool display =
-        m_options.contains("export_mode") && !m_options.value("export_mode").toBool();
+        m_options.contains(kOptionExportMode) && !m_options.value(kOptionExportMode).toBool();
     QVariantList list;
     for (const SelfSubtitle& subtitle : m_source.selfSubtitles) {
-        list.append(QVariantMap{{"id", QStringLiteral("subtitle_%1").arg(list.size())},
-                                {"embedded_subtitle_stream_index", subtitle.index},
-                                {"attached_file_path", m_source.filePath},
-                                {"attached_offset", 0},
-                                {"title", subtitle.title},
-                                {"display", display}});
+        list.append(QVariantMap{{kId, QStringLiteral("subtitle_%1").arg(list.size())},
+                                {kEmbeddedSubtitleStreamIndex, subtitle.index},
+                                {kAttachedFilePath, m_source.filePath},
+                                {kAttachedOffset, 0},
+                                {kTitle, subtitle.title},
+                                {kDisplay, display}});
     }
     for (const AttachedSubtitle& subtitle : m_source.attachedSubtitle) {
         const QString title = subtitle.title.isEmpty()
                                   ? QFileInfo(subtitle.filePath).completeBaseName()
                                   : subtitle.title;
-        list.append(QVariantMap{{"id", QStringLiteral("subtitle_%1").arg(list.size())},
-                                {"embedded_subtitle_stream_index", 0},
-                                {"attached_file_path", subtitle.filePath},
-                                {"attached_offset", subtitle.startMs},
-                                {"title", title},
-                                {"display", display}});
+        list.append(QVariantMap{{kId, QStringLiteral("subtitle_%1").arg(list.size())},
+                                {kEmbeddedSubtitleStreamIndex, 0},
+                                {kAttachedFilePath, subtitle.filePath},
+                                {kAttachedOffset, subtitle.startMs},
+                                {kTitle, title},
+                                {kDisplay, display}});
     }
     return list;
 }
@@ -399,24 +399,24 @@ void TimelineProjectBuilder::appendSourceClips()
         }
         QVariantMap clip = makeMediaClip(kind, m_source.filePath, t);
         if (!m_source.selfAudios.isEmpty()) {
-            clip.insert("file_audio_stream_index", m_source.selfAudios.at(t));
+            clip.insert(kFileAudioStreamIndex, m_source.selfAudios.at(t));
         }
         if (t == 0) {
-            clip.insert("transform", m_mainTransform);
+            clip.insert(kTransform, m_mainTransform);
             if (!m_mainVideoFilters.isEmpty()) {
-                clip.insert("video_filters", m_mainVideoFilters);
+                clip.insert(kVideoFilters, m_mainVideoFilters);
             }
             if (!m_mainAudioFilters.isEmpty()) {
-                clip.insert("audio_filters", m_mainAudioFilters);
+                clip.insert(kAudioFilters, m_mainAudioFilters);
             }
         }
 
         if (m_source.cut.isEmpty()) {
-            clip.insert("timeline_pos", 0);
-            clip.insert("range_begin", 0);
-            clip.insert("range_length", m_durationMs);
+            clip.insert(kTimelinePos, 0);
+            clip.insert(kRangeBegin, 0);
+            clip.insert(kRangeLength, m_durationMs);
             if (t == 0) {
-                clip.insert("subtitles", subtitles());
+                clip.insert(kSubtitles, subtitles());
             }
             appendMediaClip(clip);
             continue;
@@ -424,9 +424,9 @@ void TimelineProjectBuilder::appendSourceClips()
         qint64 earlier = 0;
         for (const CutRange& range : m_source.cut) {
             QVariantMap cutClip = clip;
-            cutClip.insert("timeline_pos", float(earlier) / m_speed);
-            cutClip.insert("range_begin", range.begin);
-            cutClip.insert("range_length", range.length);
+            cutClip.insert(kTimelinePos, float(earlier) / m_speed);
+            cutClip.insert(kRangeBegin, range.begin);
+            cutClip.insert(kRangeLength, range.length);
             appendMediaClip(cutClip);
             earlier += range.length;
         }
@@ -442,12 +442,12 @@ void TimelineProjectBuilder::appendAttachedAudioClips()
         // even though track 0 is the picture's.
         const int track = m_source.selfAudios.isEmpty() ? i : firstTrack + i;
         QVariantMap clip = makeMediaClip("audio", audio.filePath, track);
-        clip.insert("file_audio_stream_index", -1);
+        clip.insert(kFileAudioStreamIndex, -1);
 
         if (m_source.cut.isEmpty()) {
-            clip.insert("timeline_pos", 0);
-            clip.insert("range_begin", 0);
-            clip.insert("range_length", m_durationMs);
+            clip.insert(kTimelinePos, 0);
+            clip.insert(kRangeBegin, 0);
+            clip.insert(kRangeLength, m_durationMs);
             appendMediaClip(clip);
             continue;
         }
@@ -459,9 +459,9 @@ void TimelineProjectBuilder::appendAttachedAudioClips()
             const qint64 begin =
                 k < m_source.attachedAudio.size() ? m_source.attachedAudio.at(k).startMs : 0;
             QVariantMap cutClip = clip;
-            cutClip.insert("timeline_pos", float(earlier) / m_speed);
-            cutClip.insert("range_begin", begin);
-            cutClip.insert("range_length", range.length);
+            cutClip.insert(kTimelinePos, float(earlier) / m_speed);
+            cutClip.insert(kRangeBegin, begin);
+            cutClip.insert(kRangeLength, range.length);
             appendMediaClip(cutClip);
             earlier += range.length;
         }
@@ -487,23 +487,22 @@ void TimelineProjectBuilder::appendWaterMarks()
         const int track = m_trackCounter;
         m_tracks.append(makeTrack("effect", i + 2, false));
         const QVariantMap transform{
-            {"id", QStringLiteral("transform_image_%1").arg(i)},
-            {"rotation", mark.rotation},
-            {"flip_x", mark.flipX},
-            {"flip_y", mark.flipY},
-            {"scale_x", mark.scaleX},
-            {"scale_y", mark.scaleY},
-            {"center_pos",
-             QStringLiteral("%1,%2").arg(mark.centerPos.x()).arg(mark.centerPos.y())}};
-        m_clips.append(QVariantMap{{"id", QStringLiteral("clip_image_%1").arg(i)},
-                                   {"type", "image"},
-                                   {"file_path", mark.filePath},
-                                   {"track_ref", QStringLiteral("track_%1").arg(track)},
-                                   {"timeline_pos", 0},
-                                   {"range_length", usedLength()},
-                                   {"alpha", mark.alpha},
-                                   {"speed", m_speed},
-                                   {"transform", transform}});
+            {kId, QStringLiteral("transform_image_%1").arg(i)},
+            {kRotation, mark.rotation},
+            {kFlipX, mark.flipX},
+            {kFlipY, mark.flipY},
+            {kScaleX, mark.scaleX},
+            {kScaleY, mark.scaleY},
+            {kCenterPos, QStringLiteral("%1,%2").arg(mark.centerPos.x()).arg(mark.centerPos.y())}};
+        m_clips.append(QVariantMap{{kId, QStringLiteral("clip_image_%1").arg(i)},
+                                   {kType, "image"},
+                                   {kFilePath, mark.filePath},
+                                   {kTrackRef, QStringLiteral("track_%1").arg(track)},
+                                   {kTimelinePos, 0},
+                                   {kRangeLength, usedLength()},
+                                   {kAlpha, mark.alpha},
+                                   {kSpeed, m_speed},
+                                   {kTransform, transform}});
     }
 }
 

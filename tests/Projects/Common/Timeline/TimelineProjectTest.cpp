@@ -1,11 +1,14 @@
 // The timeline project builder fed with media facts made here, not probed from files.
 #include "Common/Timeline/TimelineProject.h"
+#include "Common/Records/TimelineKeys.h"
 #include "Common/Timeline/TimelineProjectBuilder.h"
+#include "KorvaneDec/NLEditor/ProjectDocument.h"
 
 #include "JsonFragment.h"
 
 #include <QDir>
 #include <QFile>
+#include <QJsonArray>
 #include <QSize>
 #include <QTemporaryDir>
 
@@ -46,8 +49,41 @@ QString fill(const char* pattern, const Args&... args)
     return text;
 }
 
+// Every key the builder writes is one the render engine reads, or one the
+// key list says is for the editor only (by the list it is written in). The
+// tags under "meta_data" are the user's.
+void expectEngineReadsEveryKey(const QString& text)
+{
+    using namespace TimelineKeys;
+    const QHash<QString, QSet<QString>> editorOnly{{kVideoFilters, {kRccPrefix, kSource, kTitle}},
+                                                   {kClips, {kStreamIndex}}};
+    QSet<QString> read;
+    ProjectDocument document;
+    QString error;
+    parseProjectDocument(text, &document, &error, &read);
+    QSet<QString> unread;
+    const std::function<void(const QJsonValue&, const QString&)> walk = [&](const QJsonValue& value,
+                                                                            const QString& list) {
+        for (const QJsonValue& element : value.toArray()) {
+            walk(element, list);
+        }
+        const QJsonObject object = value.toObject();
+        for (auto it = object.begin(); it != object.end(); ++it) {
+            if (!read.contains(it.key()) && !editorOnly.value(list).contains(it.key())) {
+                unread.insert(it.key());
+            }
+            if (it.key() != kMetaData) {
+                walk(it.value(), it.value().isArray() ? it.key() : list);
+            }
+        }
+    };
+    walk(QJsonDocument::fromJson(text.toUtf8()).object(), QString());
+    EXPECT_EQ(unread, QSet<QString>());
+}
+
 QJsonObject expectDocument(const Job& job, const QString& fragment)
 {
+    expectEngineReadsEveryKey(job.build());
     return expectDocument(job.build(), fragment);
 }
 
