@@ -57,12 +57,10 @@ bool checkOutput(const ProjectDocument& doc, const AVTaskOutputParam& out, QStri
     for (const ImageClip& clip : doc.imageClips) {
         inputs << clip.filePath;
     }
-    for (const QString& input : std::as_const(inputs)) {
-        if (isSameFile(input, out.outputPath)) {
-            *error = QStringLiteral("the output \"%1\" is one of the inputs, refused")
-                         .arg(out.outputPath);
-            return false;
-        }
+    if (!inputThatIs(inputs, out.outputPath).isEmpty()) {
+        *error =
+            QStringLiteral("the output \"%1\" is one of the inputs, refused").arg(out.outputPath);
+        return false;
     }
     return true;
 }

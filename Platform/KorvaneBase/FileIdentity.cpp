@@ -89,4 +89,14 @@ bool isSameFile(const QString& input, const QString& output)
            identityOf(outputFile.absolutePath()) == identityOf(inputFile.absolutePath());
 }
 
+QString inputThatIs(const QStringList& inputs, const QString& output)
+{
+    for (const QString& input : inputs) {
+        if (isSameFile(input, output)) {
+            return input;
+        }
+    }
+    return {};
+}
+
 } // namespace Korvane

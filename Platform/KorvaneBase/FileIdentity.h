@@ -3,6 +3,7 @@
 #include "KorvaneBase/KorvaneBaseExport.h"
 
 #include <QString>
+#include <QStringList>
 
 namespace Korvane {
 
@@ -15,5 +16,8 @@ namespace Korvane {
 // where the file system does: Windows, macOS). False when `input` does not
 // exist or either path is empty.
 KORVANEBASE_EXPORT bool isSameFile(const QString& input, const QString& output);
+
+// The first of `inputs` that isSameFile as `output`; empty when none is.
+KORVANEBASE_EXPORT QString inputThatIs(const QStringList& inputs, const QString& output);
 
 } // namespace Korvane

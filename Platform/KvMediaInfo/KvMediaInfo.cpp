@@ -28,11 +28,6 @@ QString codecName(int codecId)
     }
 }
 
-double sampleAspectRatio(const VideoStreamInfo& video)
-{
-    return video.sarNum > 0 && video.sarDen > 0 ? double(video.sarNum) / video.sarDen : 1.0;
-}
-
 // Every entry of the container's metadata dictionary.
 QMap<QString, QString> containerMetadata(const AVFormatContext* context)
 {
@@ -126,8 +121,8 @@ QSharedPointer<ContainerInfo> getContainInfo(const QString& path, bool computeDu
         stream.frameRateDen = avStream->avg_frame_rate.den;
         stream.durationMs = computeDuration ? video->durationMs : 0;
         stream.attachedPic = (avStream->disposition & AV_DISPOSITION_ATTACHED_PIC) != 0;
-        const auto width =
-            static_cast<qint32>(std::trunc(video->width * sampleAspectRatio(*video)));
+        const auto width = static_cast<qint32>(
+            std::trunc(video->width * MediaInfoVideoStream::sarOf(video->sarNum, video->sarDen)));
         const bool sideways = video->rotation == 90 || video->rotation == 270;
         stream.displayWidth = sideways ? video->height : width;
         stream.displayHeight = sideways ? width : video->height;

@@ -29,7 +29,11 @@ struct MediaInfoVideoStream
 
     // Sample aspect ratio for picture arithmetic: sarNum/sarDen when both are
     // positive, else 1.0.
-    double sar() const { return sarNum > 0 && sarDen > 0 ? double(sarNum) / sarDen : 1.0; }
+    double sar() const { return sarOf(sarNum, sarDen); }
+    static double sarOf(qint32 num, qint32 den)
+    {
+        return num > 0 && den > 0 ? double(num) / den : 1.0;
+    }
     // The BT.2020 matrix, constant luminance or not (AVCOL_SPC_BT2020_NCL, _CL).
     bool isBt2020() const { return colorSpace == 9 || colorSpace == 10; }
 };

@@ -34,12 +34,7 @@ QStringList jobInputFiles(const ConvertSource& source)
 
 QString inputOverwrittenBy(const ConvertSource& source, const QString& outputPath)
 {
-    for (const QString& input : jobInputFiles(source)) {
-        if (isSameFile(input, outputPath)) {
-            return input;
-        }
-    }
-    return {};
+    return inputThatIs(jobInputFiles(source), outputPath);
 }
 
 } // namespace Korvane
