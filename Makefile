@@ -4,7 +4,7 @@ BUILD_TYPE ?= RelWithDebInfo
 JOBS ?= $(shell nproc)
 CMAKE_FLAGS ?=
 
-.PHONY: deps configure build test demo format check-sanitize fuzz soak package mutate
+.PHONY: deps configure build test demo format check-sanitize check-windows-syntax fuzz soak package mutate
 
 deps:
 	./scripts/install-deps
@@ -51,6 +51,11 @@ check-sanitize: deps
 	ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 \
 		LSAN_OPTIONS=suppressions=$(CURDIR)/scripts/lsan-suppressions.txt \
 		ctest --test-dir $(SANITIZE_DIR) --output-on-failure -j $(JOBS)
+
+# The Windows-only sources compiled for syntax with the MinGW-w64 cross compiler.
+check-windows-syntax:
+	./scripts/install-deps windows
+	./scripts/check-windows-syntax
 
 # Every libFuzzer target for SECONDS seconds each (clang).
 FUZZ_DIR ?= build-fuzz

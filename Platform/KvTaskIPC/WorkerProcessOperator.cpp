@@ -1,6 +1,7 @@
 #include "KvTaskIPC/WorkerProcessOperator.h"
 
 #include "Common/Task/TaskSignalBus.h"
+#include "KorvaneBase/ChildProcess.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneBase/ProgramLocation.h"
 
@@ -12,7 +13,6 @@
 #include <QJsonObject>
 #include <QLoggingCategory>
 #include <QPointer>
-#include <QStandardPaths>
 #include <QUuid>
 
 Q_LOGGING_CATEGORY(lcWorkerOperator, "korvane.taskipc.worker")
@@ -33,30 +33,12 @@ QDateTime outputStamp(const QString& path)
     return info.isFile() ? info.fileTime(QFileDevice::FileModificationTime) : QDateTime();
 }
 
-// Splits the complete lines off the front of `buffer`; the unfinished rest
-// stays there. Carriage returns of Windows line ends are dropped.
-QList<QByteArray> takeLines(QByteArray& buffer)
-{
-    QList<QByteArray> lines;
-    qsizetype start = 0;
-    for (qsizetype end = buffer.indexOf('\n'); end >= 0; end = buffer.indexOf('\n', start)) {
-        QByteArray line = buffer.mid(start, end - start);
-        if (line.endsWith('\r')) {
-            line.chop(1);
-        }
-        lines.append(line);
-        start = end + 1;
-    }
-    buffer.remove(0, start);
-    return lines;
-}
-
 } // namespace
 
 WorkerProcessOperator::WorkerProcessOperator(QSharedPointer<AVFFmpegTask> task, QString command,
                                              QList<JobFile> jobFiles, int restarts)
     : mTask(std::move(task)), mCommand(std::move(command)), mJobFiles(std::move(jobFiles)),
-      mRestarts(restarts)
+      mRestarts(restarts), mConclude(this, [this] { concludeRun(); })
 {
     // The bus is created lazily without a lock; make it here, on the thread
     // that made the operator, before anyone else asks for it.
@@ -95,8 +77,7 @@ QString WorkerProcessOperator::workerPath()
 
 QString WorkerProcessOperator::workerJobFolder()
 {
-    return QDir::cleanPath(QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
-                           QStringLiteral("/Korvane/ipc"));
+    return cacheFolder(QStringLiteral("Korvane/ipc"));
 }
 
 bool WorkerProcessOperator::start()
@@ -243,7 +224,7 @@ bool WorkerProcessOperator::launch()
     KV_RECORD("launch")
         << QStringLiteral("start worker: %1 %2").arg(mProgram, arguments.join(QLatin1Char(' ')));
     ++mRuns;
-    mProcess->start(mProgram, arguments);
+    startChildProcess(*mProcess, mProgram, arguments);
     // A start that fails at once is reported here; one that fails later comes
     // through errorOccurred and ends the run from there.
     if (mProcess->state() == QProcess::NotRunning) {
@@ -349,12 +330,7 @@ void WorkerProcessOperator::onFinished(int exitCode, QProcess::ExitStatus exitSt
                                  .arg(exitCode);
         KV_RECORD("onFinished") << mErrorString;
     }
-    // Conclude outside the process's own signal, so that the process may be
-    // released and a receiver of the final state may drop this operator.
-    if (!mConcludePending) {
-        mConcludePending = true;
-        QMetaObject::invokeMethod(this, &WorkerProcessOperator::concludeRun, Qt::QueuedConnection);
-    }
+    mConclude.post();
 }
 
 void WorkerProcessOperator::onErrorOccurred(QProcess::ProcessError error)
@@ -370,15 +346,11 @@ void WorkerProcessOperator::onErrorOccurred(QProcess::ProcessError error)
     mErrorString =
         QStringLiteral("cannot start the worker %1: %2").arg(mProgram, mProcess->errorString());
     KV_RECORD("onErrorOccurred") << mErrorString;
-    if (!mConcludePending) {
-        mConcludePending = true;
-        QMetaObject::invokeMethod(this, &WorkerProcessOperator::concludeRun, Qt::QueuedConnection);
-    }
+    mConclude.post();
 }
 
 void WorkerProcessOperator::concludeRun()
 {
-    mConcludePending = false;
     endProcess();
     if (mFinalState == 0 && !mStopRequested && mRestartsLeft > 0) {
         --mRestartsLeft;

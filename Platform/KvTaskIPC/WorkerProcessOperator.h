@@ -3,6 +3,7 @@
 #include "Common/Task/AVFFmpegTask.h"
 #include "Common/Task/IAVTaskOperator.h"
 #include "KorvaneBase/BasicObject.h"
+#include "KorvaneBase/DeferredCall.h"
 #include "KvTaskIPC/KvTaskIPCExport.h"
 
 #include <QByteArray>
@@ -121,6 +122,9 @@ private:
     QString mCommand;
     QList<JobFile> mJobFiles;
     int mRestarts;
+    // Concludes the run outside the process's own signal, so that the process
+    // may be released and a receiver of the final state may drop this operator.
+    DeferredCall mConclude;
     QStringList mJobPaths;
     QString mProgram;
     std::unique_ptr<QProcess> mProcess;
@@ -137,7 +141,6 @@ private:
     bool mActive = false;
     bool mStopRequested = false;
     bool mStartedReported = false;
-    bool mConcludePending = false;
 };
 
 } // namespace Korvane

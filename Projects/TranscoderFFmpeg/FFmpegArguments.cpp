@@ -1,8 +1,7 @@
 #include "TranscoderFFmpeg/FFmpegArguments.h"
 
+#include "KorvaneBase/ChildProcess.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
-
-#include <algorithm>
 
 namespace Korvane {
 
@@ -12,34 +11,6 @@ bool isQuoted(const QString& element)
 {
     return element.size() >= 2 && element.startsWith(QLatin1Char('"')) &&
            element.endsWith(QLatin1Char('"'));
-}
-
-QString quoteWindowsArgument(const QString& argument)
-{
-    static const QString separators = QStringLiteral(" \t\n\v\"");
-    const bool plain =
-        !argument.isEmpty() && std::none_of(argument.begin(), argument.end(),
-                                            [](QChar c) { return separators.contains(c); });
-    if (plain) {
-        return argument;
-    }
-    QString quoted(QLatin1Char('"'));
-    qsizetype backslashes = 0;
-    for (const QChar c : argument) {
-        if (c == QLatin1Char('\\')) {
-            ++backslashes;
-            continue;
-        }
-        // Backslashes are literal unless a double quote follows them.
-        const qsizetype count = c == QLatin1Char('"') ? backslashes * 2 + 1 : backslashes;
-        quoted += QString(count, QLatin1Char('\\'));
-        quoted += c;
-        backslashes = 0;
-    }
-    // The closing quote follows: trailing backslashes are doubled.
-    quoted += QString(backslashes * 2, QLatin1Char('\\'));
-    quoted += QLatin1Char('"');
-    return quoted;
 }
 
 } // namespace
@@ -62,11 +33,7 @@ QStringList ffmpegProgramArguments(const QStringList& elements)
 
 QString windowsArgumentLine(const QStringList& arguments)
 {
-    QStringList quoted;
-    for (const QString& argument : arguments) {
-        quoted << quoteWindowsArgument(argument);
-    }
-    return quoted.join(QLatin1Char(' '));
+    return windowsCommandLine(arguments);
 }
 
 } // namespace Korvane

@@ -13,10 +13,10 @@ namespace Korvane {
 // every other element, whatever it holds, is exactly one argument.
 TRANSCODERFFMPEG_EXPORT QStringList ffmpegProgramArguments(const QStringList& elements);
 
-// The arguments as one Windows command line tail (program excluded), each
-// quoted where needed so that the C runtime's and CommandLineToArgvW's
-// splitting give back exactly `arguments`: backslashes before a double quote
-// are doubled and an embedded double quote is escaped.
+// The arguments as one Windows command line tail (program excluded), quoted
+// so that the C runtime's and CommandLineToArgvW's splitting give back exactly
+// `arguments`: windowsCommandLine (KorvaneBase/ChildProcess.h), the line the
+// launch hands to ffmpeg there, under the name the plug-in exports.
 TRANSCODERFFMPEG_EXPORT QString windowsArgumentLine(const QStringList& arguments);
 
 } // namespace Korvane

@@ -3,6 +3,7 @@
 #include "Common/Records/JobInputs.h"
 #include "Common/Records/OutputRules.h"
 #include "Common/Task/AVFFmpegTask.h"
+#include "KorvaneBase/ChildProcess.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneBase/ProgramLocation.h"
 #include "KorvaneDec/FFDemuxer.h"
@@ -17,7 +18,6 @@
 #include <QFileInfo>
 #include <QLoggingCategory>
 #include <QMetaEnum>
-#include <QStandardPaths>
 #include <QTimer>
 #include <QUuid>
 
@@ -42,17 +42,12 @@ constexpr int kPollIntervalMs = 500;
 // with runs overlapping the first run to end already clears it.
 std::atomic<bool> transcodeRunning{false};
 
-QString joinPathParts(const QString& first, const QString& second)
-{
-    return QDir::cleanPath(first + QDir::separator() + second);
-}
-
 } // namespace
 
 KvFFmpegOperator::KvFFmpegOperator(const QSharedPointer<IAVTask>& task)
     : BasicObject(nullptr), mTask(task),
       // The first group of the braced form: characters 1 to 8.
-      mTempName(QUuid::createUuid().toString().mid(1, 8))
+      mTempName(QUuid::createUuid().toString().mid(1, 8)), mRelease(this, [this] { mSelf.reset(); })
 {}
 
 KvFFmpegOperator::~KvFFmpegOperator()
@@ -93,12 +88,9 @@ QString KvFFmpegOperator::ffmpegProgram()
 
 QString KvFFmpegOperator::progressFilePath() const
 {
-    const QString base = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
-    const QString folder = joinPathParts(base, QStringLiteral("KvFFmpeg"));
+    const QString folder = cacheFolder(QStringLiteral("KvFFmpeg/.temp"));
     QDir().mkpath(folder);
-    const QString tempFolder = joinPathParts(folder, QStringLiteral(".temp"));
-    QDir().mkpath(tempFolder);
-    return joinPathParts(tempFolder, mTempName);
+    return QDir(folder).filePath(mTempName);
 }
 
 AVFFmpegTask* KvFFmpegOperator::ffmpegTask() const
@@ -185,24 +177,16 @@ bool KvFFmpegOperator::start()
     }
 
     // The builder quotes paths itself, so the arguments are joined as they are.
-    const QString commandLine = QLatin1Char('"') + ffmpegProgram() + QStringLiteral("\" ") +
-                                arguments.join(QLatin1Char(' '));
+    const QString program = ffmpegProgram();
+    const QString commandLine =
+        QLatin1Char('"') + program + QStringLiteral("\" ") + arguments.join(QLatin1Char(' '));
     fprintf(stderr, "execute cmd: %s\n", commandLine.toLocal8Bit().constData());
     qCDebug(lcOperator).noquote() << "execute cmd:" << commandLine;
 
     setRunning(true);
     // Never a shell, and never a re-split of the joined line: only the
     // builder's own paired elements become two arguments.
-    const QStringList programArguments = ffmpegProgramArguments(arguments);
-#ifdef Q_OS_WIN
-    // ffmpeg splits its one command line itself; each argument is quoted so
-    // that the splitting gives it back whole.
-    mProcess->setProgram(ffmpegProgram());
-    mProcess->setNativeArguments(windowsArgumentLine(programArguments));
-    mProcess->start(QIODevice::ReadWrite);
-#else
-    mProcess->start(ffmpegProgram(), programArguments, QIODevice::ReadWrite);
-#endif
+    startChildProcess(*mProcess, program, ffmpegProgramArguments(arguments), QIODevice::ReadWrite);
     if (!mProcess->waitForStarted()) {
         Record("Korvane::KvFFmpegOperator::start", __LINE__, kSourceFile, this, 0)
             << "ffmpeg cannot be started: " << mProcess->errorString();
@@ -303,18 +287,10 @@ void KvFFmpegOperator::onReadyRead_win()
         return;
     }
     // The file stays open, so each read continues where the last one stopped.
-    for (;;) {
-        const qint64 lineStart = mProgressFile->pos();
-        const QByteArray raw = mProgressFile->readLine();
-        if (raw.isEmpty()) {
-            break;
-        }
-        if (!raw.endsWith('\n')) {
-            // ffmpeg is half-way through this line (a torn "progress=end" would
-            // lose the end marker); take it whole at the next poll.
-            mProgressFile->seek(lineStart);
-            break;
-        }
+    // A line ffmpeg is half-way through (a torn "progress=end" would lose the
+    // end marker) waits in the buffer for the next poll.
+    mProgressBuffer += mProgressFile->readAll();
+    for (const QByteArray& raw : takeLines(mProgressBuffer)) {
         const QString line = QString::fromUtf8(raw);
         const float value = parseProgressLine(line, mDurationMs);
         if (value > 0 && double(value) != task->progress()) {
@@ -390,9 +366,7 @@ void KvFFmpegOperator::releaseSelf()
     // the last reference, destroying the operator here would delete the process
     // under its own emission, so the reference is let go from the event loop.
     if (mSelf) {
-        QSharedPointer<KvFFmpegOperator> last;
-        last.swap(mSelf);
-        QTimer::singleShot(0, [last] {});
+        mRelease.post();
     }
 }
 

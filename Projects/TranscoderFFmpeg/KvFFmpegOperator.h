@@ -2,8 +2,10 @@
 
 #include "Common/Task/IAVTaskOperator.h"
 #include "KorvaneBase/BasicObject.h"
+#include "KorvaneBase/DeferredCall.h"
 #include "TranscoderFFmpeg/TranscoderFFmpegExport.h"
 
+#include <QByteArray>
 #include <QEnableSharedFromThis>
 #include <QProcess>
 #include <QSharedPointer>
@@ -113,6 +115,10 @@ private:
     std::atomic<bool> mRunning{false};
     qint32 mCommandOption = -1;
     QString mDecoderName;
+    // Lets go of mSelf from the event loop.
+    DeferredCall mRelease;
+    // What ffmpeg has appended to the progress file since the last whole line.
+    QByteArray mProgressBuffer;
 };
 
 } // namespace Korvane

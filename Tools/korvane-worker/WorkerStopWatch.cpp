@@ -1,5 +1,6 @@
 #include "korvane-worker/WorkerStopWatch.h"
 
+#include "KorvaneBase/ChildProcess.h"
 #include "KorvaneBase/Record.h"
 
 #include <QSocketNotifier>
@@ -69,10 +70,8 @@ void WorkerStopWatch::onStandardInput()
         return;
     }
     mInput.append(buffer, size);
-    for (qsizetype end = mInput.indexOf('\n'); end >= 0; end = mInput.indexOf('\n')) {
-        const QByteArray line = mInput.left(end).trimmed();
-        mInput.remove(0, end + 1);
-        if (line == "stop") {
+    for (const QByteArray& line : takeLines(mInput)) {
+        if (line.trimmed() == "stop") {
             requestStop(QStringLiteral("asked to stop on standard input"));
         }
     }

@@ -1,7 +1,10 @@
 #include "KorvaneBase/KorvaneBase.h"
+#include "KorvaneBase/ChildProcess.h"
+#include "KorvaneBase/DeferredCall.h"
 #include "KorvaneBase/FileIdentity.h"
 #include "LogCapture.h"
 
+#include <QCoreApplication>
 #include <QDir>
 #include <QFile>
 #include <QRegularExpression>
@@ -10,6 +13,8 @@
 #include <QThread>
 
 #include <gtest/gtest.h>
+
+#include <memory>
 
 #include <unistd.h>
 
@@ -109,4 +114,23 @@ TEST(FileIdentity, SecondNamesOfOneFileAreTheSameFile)
         EXPECT_FALSE(isSameFile(file, *name ? dir.filePath(name) : QString())) << name;
     }
     EXPECT_FALSE(isSameFile(dir.filePath("gone.mp4"), dir.filePath("gone.mp4")));
+}
+
+// Whole lines leave the buffer without a Windows carriage return; the rest
+// waits. A deferred call runs later, once per posting, never for a lost receiver.
+TEST(ChildProcess, LinesAndDeferredCalls)
+{
+    QByteArray buffer("a\r\n\nb\rc\nrest");
+    EXPECT_EQ(takeLines(buffer) << buffer, QList<QByteArray>({"a", "", "b\rc", "rest"}));
+    int calls = 0;
+    QObject receiver;
+    auto lost = std::make_unique<QObject>();
+    DeferredCall once(&receiver, [&] { ++calls; });
+    DeferredCall never(lost.get(), [&] { calls += 10; });
+    once.post(), once.post(), never.post(), lost.reset();
+    EXPECT_EQ(calls, 0);
+    QCoreApplication::processEvents();
+    once.post();
+    QCoreApplication::processEvents();
+    EXPECT_EQ(calls, 2);
 }
