@@ -4,7 +4,7 @@
 #include "Common/Records/JsonForms.h"
 #include "Common/Records/TimelineOptions.h"
 #include "Common/Support/ConvertSourceHelper.h"
-#include "Common/Task/AVFFmpegTask.h"
+#include "Common/Task/TaskReporter.h"
 #include "Common/Task/TaskSignalBus.h"
 #include "Common/Timeline/TimelineProject.h"
 #include "KorvaneBase/Record.h"
@@ -111,10 +111,7 @@ void FFmpegController::dropFFmpegOperator()
 
 void FFmpegController::reportState(TaskState state, int errorCode)
 {
-    if (auto* task = dynamic_cast<AVFFmpegTask*>(mTask.data())) {
-        task->setState(state);
-    }
-    emit mTask->signalBus()->taskStateChanged(state, errorCode);
+    TaskReporter(mTask).reportState(state, errorCode);
 }
 
 void FFmpegController::onTaskStateChanged(Korvane::TaskState state, int errorCode)
@@ -124,10 +121,7 @@ void FFmpegController::onTaskStateChanged(Korvane::TaskState state, int errorCod
 
 void FFmpegController::onTaskProgress(Korvane::TaskProgressType type, double progress)
 {
-    if (auto* task = dynamic_cast<AVFFmpegTask*>(mTask.data())) {
-        task->setProgress(progress);
-    }
-    emit mTask->signalBus()->taskProgress(type, progress);
+    TaskReporter(mTask).reportProgress(type, progress);
 }
 
 void FFmpegController::onFFmpegTaskStateChanged(int status)
@@ -158,8 +152,8 @@ void FFmpegController::codecConvert()
 {
     const ConvertSource source = convertSourceFromJson(mTask->sourceJson());
     AVTaskOutputParam outputParam;
-    if (auto* task = dynamic_cast<AVFFmpegTask*>(mTask.data())) {
-        outputParam = *task->outputParam();
+    if (const AVTaskOutputParam* output = TaskReporter(mTask).outputParam()) {
+        outputParam = *output;
     }
     // The fallback would replace the file it reads.
     const QString overwritten = inputOverwrittenBy(source, outputParam.outputPath);
