@@ -206,6 +206,8 @@ TEST(FFmpegCommand, Options)
         {"sw=NVIDIA RTX A2000;vkbps=6000", "-vcodec|h264_nvenc|-bf 0#-vb|6000k|-r",
          "-minrate 6000k|-vtag hvc1"},
         {"vkbps=3000", "-vb|3000k|-minrate 3000k|-maxrate 3000k|-bufsize 6000k|-r|30", ""},
+        // Both names: Intel encodes, yet NVIDIA's h264 rule drops the rate bounds.
+        {"sw=Intel NVIDIA;vkbps=6000", "-vcodec|h264_qsv|-vb|6000k|-r", "-minrate 6000k|-bf 0"},
         {"sw=NVIDIA;vcodec=0", "-acodec|aac|-lavfi|\"hwdownload,format=nv12\"|-r|30",
          "-vcodec|-vn"},
         // No -lavfi for an empty graph, without both output sizes, or for a
