@@ -1,8 +1,5 @@
 #pragma once
 
-#include "Common/AVTaskOutputParam.h"
-#include "Common/ConvertSource.h"
-#include "KvMediaInfo/KvMediaInfo.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 
 #include <QLoggingCategory>
