@@ -10,6 +10,7 @@
 #include "TranscoderFFmpeg/FFmpegArguments.h"
 #include "TranscoderFFmpeg/FFmpegCommandMaker.h"
 #include "TranscoderFFmpeg/FFmpegProgress.h"
+#include "TranscoderFFmpeg/GpuBackend.h"
 
 #include <QDebug>
 #include <QDir>
@@ -244,14 +245,8 @@ QVariantMap KvFFmpegOperator::operatorInfo()
     QString encoderName = mDecoderName;
     const AVFFmpegTask* task = ffmpegTask();
     if (task && task->outputParam()->acceleration.hardwareEnabled) {
-        const QString& gpuName = task->outputParam()->acceleration.gpuName;
-        if (gpuName.indexOf(QStringLiteral("Intel")) != -1) {
-            encoderName = QStringLiteral("%1_qsv").arg(mDecoderName);
-        } else if (gpuName.indexOf(QStringLiteral("NVIDIA")) != -1) {
-            encoderName = QStringLiteral("%1_nvenc").arg(mDecoderName);
-        } else {
-            encoderName.clear();
-        }
+        const GpuBackend* gpu = gpuBackendFor(task->outputParam()->acceleration.gpuName);
+        encoderName = gpu ? gpu->encoder(mDecoderName) : QString();
     }
     return {
         {QStringLiteral("operatorName"), QStringLiteral("ConvertGpuOperator")},

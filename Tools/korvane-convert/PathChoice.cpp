@@ -1,5 +1,7 @@
 #include "korvane-convert/PathChoice.h"
 
+#include "TranscoderFFmpeg/GpuBackend.h"
+
 namespace Korvane {
 
 QString pathName(ConvertPath path)
@@ -49,11 +51,9 @@ QStringList editsNeedingGpuFilters(const ConvertJob& job, const QSize& inputDisp
 
 PathDecision choosePath(const ConvertJob& job, ForcedPath forced, const PathFacts& facts)
 {
-    const QString& gpu = job.output.acceleration.gpuName;
-    const bool intel = gpu.contains(QLatin1String("Intel"));
-    const bool gpuFilters = intel || gpu.contains(QLatin1String("NVIDIA"));
+    const GpuBackend* gpu = gpuBackendFor(job.output.acceleration.gpuName);
     PathDecision decision;
-    decision.intelFactory = intel;
+    decision.intelFactory = gpu && gpu->intelFactory;
     auto decide = [&decision](ConvertPath path, const QString& why) {
         decision.path = path;
         decision.reason = QStringLiteral("path %1: %2").arg(pathName(path), why);
@@ -73,11 +73,11 @@ PathDecision choosePath(const ConvertJob& job, ForcedPath forced, const PathFact
     QString why;
     if (!facts.ffmpegSupported()) {
         why = QStringLiteral("the ffmpeg support check refuses the job");
-    } else if (gpuFilters) {
+    } else if (gpu) {
         return decide(ConvertPath::FFmpeg,
                       QStringLiteral("the ffmpeg support check passes and the %1 GPU applies "
                                      "every edit")
-                          .arg(intel ? QStringLiteral("Intel") : QStringLiteral("NVIDIA")));
+                          .arg(QLatin1String(gpu->vendor)));
     } else {
         const QStringList edits = editsNeedingGpuFilters(job, facts.inputDisplaySize());
         if (edits.isEmpty()) {

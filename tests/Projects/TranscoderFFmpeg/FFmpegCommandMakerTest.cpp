@@ -61,15 +61,15 @@ Job job(const QString& changes = {})
     j.param.acceleration.gpuName = "Generic Display Adapter";
     j.facts.info = facts("h264", 1920, 1080, true);
     // Only these marks can be probed: one wider than 16:9 with the same
-    // integer ratio, one without video.
+    // integer ratio, a one-pixel one, one without width, one without video.
     j.facts.probe = [](const QString& path) -> QSharedPointer<MediaInfoV3> {
-        const QMap<QString, QSize> marks{{"/wm/wide.png", {200, 100}},
-                                         {"/wm/square.png", {100, 100}},
-                                         {"/wm/banner.png", {190, 100}},
-                                         {"/wm/novideo.png", {}}};
+        const QMap<QString, QSize> marks{
+            {"/wm/wide.png", {200, 100}},   {"/wm/square.png", {100, 100}},
+            {"/wm/banner.png", {190, 100}}, {"/wm/dot.png", {1, 1}},
+            {"/wm/flat.png", {0, 100}},     {"/wm/novideo.png", {}}};
         const QSize size = marks.value(path);
         return marks.contains(path)
-                   ? facts(size.isEmpty() ? "" : "png", size.width(), size.height(), false)
+                   ? facts(size.isValid() ? "png" : "", size.width(), size.height(), false)
                    : nullptr;
     };
     j.facts.hardwareThreads = 8;
@@ -206,6 +206,8 @@ TEST(FFmpegCommand, Options)
         {"sw=NVIDIA RTX A2000;vkbps=6000", "-vcodec|h264_nvenc|-bf 0#-vb|6000k|-r",
          "-minrate 6000k|-vtag hvc1"},
         {"vkbps=3000", "-vb|3000k|-minrate 3000k|-maxrate 3000k|-bufsize 6000k|-r|30", ""},
+        // Both names: Intel encodes, yet NVIDIA's h264 rule drops the rate bounds.
+        {"sw=Intel NVIDIA;vkbps=6000", "-vcodec|h264_qsv|-vb|6000k|-r", "-minrate 6000k|-bf 0"},
         {"sw=NVIDIA;vcodec=0", "-acodec|aac|-lavfi|\"hwdownload,format=nv12\"|-r|30",
          "-vcodec|-vn"},
         // No -lavfi for an empty graph, without both output sizes, or for a
@@ -391,6 +393,11 @@ TEST(FilterGraph, PictureSteps)
          "vpp_qsv=w=1360:h=765,pad=1360:768:0:1"},
         {"picture=1440,1080;size=1280x720", kD + "scale=w=960:h=720,pad=1280:720:160:0",
          "vpp_qsv=w=960:h=720,pad=1280:720:160:0"},
+        // Taller than the output at its width: scaled down, not cut.
+        {"picture=1920,1200;size=1920x1080", kD + "scale=w=1728:h=1080,pad=1920:1080:96:0",
+         "vpp_qsv=w=1728:h=1080,pad=1920:1080:96:0"},
+        {"size=1920x1080;crop=0,0,1,0.001", kD + "crop=x=0:y=0:w=1920:h=1,pad=1920:1080:0:539",
+         "vpp_qsv=cx=0:cy=0:cw=1920:ch=1,pad=1920:1080:0:539"},
         {"picture=1440,1080,0,4,3;size=1280x720", "scale_cuda=w=1280:h=720",
          "vpp_qsv=w=1280:h=720"},
         {"size=1920x1080;crop=0,0,1,1,1,1", kD + "hflip,vflip", "vpp_qsv=format=qsv,hflip,vflip"},
@@ -460,6 +467,11 @@ TEST(FilterGraph, Watermarks)
     for (const Row& r : rows) {
         expectGraphs(r);
     }
+    // A one-pixel picture is sized like any other square one.
+    for (const bool qsv : {false, true}) {
+        EXPECT_EQ(graph("size=1080x1080;mark=/wm/dot.png,9,9,1,0.25", qsv),
+                  graph("size=1080x1080;mark=/wm/square.png,9,9,1,0.25", qsv));
+    }
 }
 
 // A graph that cannot be made is empty; a bad size says so in the log.
@@ -471,6 +483,7 @@ TEST(FilterGraph, FailuresAreEmptyAndLogged)
          "missing.png,0,0,1,1",
          ""},
         {"size=960x540;mark=/wm/novideo.png,0,0,1,1", ""},
+        {"size=960x540;mark=/wm/flat.png,0,0,1,1", ""},
         {"size=1920x0", "size invalid: 0 1920 1080"},
         {"picture=0,1080;size=1920x1080", "size invalid: 1080 0 1080"},
         {"size=1920x1080;crop=0,0,1,0.0001", "imgH invalid: 0"},
