@@ -17,7 +17,7 @@ QSize editSteps(const ConvertSource& source, const PictureFacts& facts, QStringL
     const bool sideways = facts.streamRotation == 90 || facts.streamRotation == 270;
     QSize picture = storedPicture(facts);
     const CropParam edits = source.crop.value_or(CropParam{});
-    if (!source.crop || isFullPicture(edits)) {
+    if (!source.crop || edits.isFullPicture()) {
         if (sideways) {
             picture = QSize(facts.inH, facts.inW);
         }

@@ -2,7 +2,6 @@
 
 #include "Common/Records/JobInputs.h"
 #include "Common/Records/OutputRules.h"
-#include "Common/Task/AVFFmpegTask.h"
 #include "KorvaneBase/ChildProcess.h"
 #include "KorvaneBase/KorvaneBase.h"
 #include "KorvaneBase/ProgramLocation.h"
@@ -46,7 +45,7 @@ std::atomic<bool> transcodeRunning{false};
 } // namespace
 
 KvFFmpegOperator::KvFFmpegOperator(const QSharedPointer<IAVTask>& task)
-    : BasicObject(nullptr), mTask(task),
+    : BasicObject(nullptr), mTask(task), mReporter(task),
       // The first group of the braced form: characters 1 to 8.
       mTempName(QUuid::createUuid().toString().mid(1, 8)), mRelease(this, [this] { mSelf.reset(); })
 {}
@@ -94,26 +93,34 @@ QString KvFFmpegOperator::progressFilePath() const
     return QDir(folder).filePath(mTempName);
 }
 
-AVFFmpegTask* KvFFmpegOperator::ffmpegTask() const
-{
-    return dynamic_cast<AVFFmpegTask*>(mTask.data());
-}
-
-void KvFFmpegOperator::setTaskState(int state)
-{
-    if (AVFFmpegTask* task = ffmpegTask()) {
-        task->setState(TaskState(state));
-    }
-}
-
 bool KvFFmpegOperator::start()
 {
-    AVFFmpegTask* task = ffmpegTask();
-    if (!task) {
+    const ConvertSource* source = mReporter.source();
+    const AVTaskOutputParam* output = mReporter.outputParam();
+    if (!source || !output) {
         return false;
     }
-    const ConvertSource& source = *task->source();
-    const AVTaskOutputParam& output = *task->outputParam();
+    if (refusedJob(*source, *output)) {
+        return true;
+    }
+    if (!probeInput(source->filePath)) {
+        return false;
+    }
+    const QString progressPath = prepareRun();
+    const QStringList arguments = makeFFmpegCommand(*source, *output, progressPath, mCommandOption);
+    if (arguments.isEmpty()) {
+        mPollTimer->stop();
+        return false;
+    }
+    const QString outputDir = QFileInfo(output->outputPath).dir().absolutePath();
+    if (!QDir(outputDir).exists()) {
+        QDir().mkpath(outputDir);
+    }
+    return launch(arguments);
+}
+
+bool KvFFmpegOperator::refusedJob(const ConvertSource& source, const AVTaskOutputParam& output)
+{
     // Job text reaches ffmpeg's arguments: a name that is not plain could
     // smuggle in options (reading or writing any file), so the run ends here.
     const QString invalidField = invalidOutputField(output);
@@ -129,9 +136,13 @@ bool KvFFmpegOperator::start()
                              .arg(output.outputPath, overwritten));
         return true;
     }
+    return false;
+}
 
+bool KvFFmpegOperator::probeInput(const QString& path)
+{
     FFDemuxer demuxer;
-    if (!demuxer.open(source.filePath)) {
+    if (!demuxer.open(path)) {
         return false;
     }
     const auto info = demuxer.mediaInfo();
@@ -147,7 +158,11 @@ bool KvFFmpegOperator::start()
             mDecoderName = QStringLiteral("HEVC");
         }
     }
+    return true;
+}
 
+QString KvFFmpegOperator::prepareRun()
+{
     mProcess = std::make_unique<QProcess>();
     mElapsed = std::make_unique<QElapsedTimer>();
     mElapsed->start();
@@ -165,18 +180,11 @@ bool KvFFmpegOperator::start()
             SLOT(onFinished(int, QProcess::ExitStatus)));
     connect(mProcess.get(), SIGNAL(readyReadStandardError()), this,
             SLOT(onReadyReadStandardError()));
+    return progressPath;
+}
 
-    const QStringList arguments = makeFFmpegCommand(source, output, progressPath, mCommandOption);
-    if (arguments.isEmpty()) {
-        mPollTimer->stop();
-        return false;
-    }
-
-    const QString outputDir = QFileInfo(output.outputPath).dir().absolutePath();
-    if (!QDir(outputDir).exists()) {
-        QDir().mkpath(outputDir);
-    }
-
+bool KvFFmpegOperator::launch(const QStringList& arguments)
+{
     // The builder quotes paths itself, so the arguments are joined as they are.
     const QString program = ffmpegProgram();
     const QString commandLine =
@@ -196,7 +204,7 @@ bool KvFFmpegOperator::start()
         return false;
     }
     mSelf = sharedFromThis();
-    setTaskState(int(TaskState::Started));
+    mReporter.recordState(TaskState::Started);
     emit ffmpegTaskStateChanged(int(TaskState::Started));
     return true;
 }
@@ -204,7 +212,7 @@ bool KvFFmpegOperator::start()
 void KvFFmpegOperator::refuse(int line, const QString& reason)
 {
     Record("Korvane::KvFFmpegOperator::start", line, kSourceFile, this, 0) << reason;
-    setTaskState(int(TaskState::Failed));
+    mReporter.recordState(TaskState::Failed);
     emit ffmpegTaskStateChanged(int(TaskState::Failed));
 }
 
@@ -223,7 +231,7 @@ void KvFFmpegOperator::stop()
         mPollTimer.release()->deleteLater();
     }
     mStopped = true;
-    setTaskState(int(TaskState::Stopped));
+    mReporter.recordState(TaskState::Stopped);
     setRunning(false);
     emit ffmpegTaskStateChanged(int(TaskState::Stopped));
 }
@@ -243,9 +251,9 @@ QString KvFFmpegOperator::errorString()
 QVariantMap KvFFmpegOperator::operatorInfo()
 {
     QString encoderName = mDecoderName;
-    const AVFFmpegTask* task = ffmpegTask();
-    if (task && task->outputParam()->acceleration.hardwareEnabled) {
-        const GpuBackend* gpu = gpuBackendFor(task->outputParam()->acceleration.gpuName);
+    const AVTaskOutputParam* output = mReporter.outputParam();
+    if (output && output->acceleration.hardwareEnabled) {
+        const GpuBackend* gpu = gpuBackendFor(output->acceleration.gpuName);
         encoderName = gpu ? gpu->encoder(mDecoderName) : QString();
     }
     return {
@@ -277,8 +285,7 @@ void KvFFmpegOperator::pollProgress()
 
 void KvFFmpegOperator::onReadyRead_win()
 {
-    AVFFmpegTask* task = ffmpegTask();
-    if (!task || !mProgressFile || !mProgressFile->isOpen()) {
+    if (!mProgressFile || !mProgressFile->isOpen()) {
         return;
     }
     // The file stays open, so each read continues where the last one stopped.
@@ -288,9 +295,9 @@ void KvFFmpegOperator::onReadyRead_win()
     for (const QByteArray& raw : takeLines(mProgressBuffer)) {
         const QString line = QString::fromUtf8(raw);
         const float value = parseProgressLine(line, mDurationMs);
-        if (value > 0 && double(value) != task->progress()) {
-            task->setProgress(value);
-            task->setState(TaskState::Running);
+        if (value > 0 && double(value) != mTask->progress()) {
+            mReporter.recordProgress(value);
+            mReporter.recordState(TaskState::Running);
             emit ffmpegTaskProgress(value);
         }
         if (isProgressEnd(line)) {
@@ -333,7 +340,7 @@ void KvFFmpegOperator::onFinished(int exitCode, QProcess::ExitStatus exitStatus)
     if (exitCode != 0) {
         // Also after stop(): the killed process reports 6 after the 4.
         setRunning(false);
-        setTaskState(int(TaskState::Failed));
+        mReporter.recordState(TaskState::Failed);
         emit ffmpegTaskStateChanged(int(TaskState::Failed));
         QFile::remove(outputPath);
         releaseSelf();
@@ -342,12 +349,12 @@ void KvFFmpegOperator::onFinished(int exitCode, QProcess::ExitStatus exitStatus)
 
     mProcess.release()->deleteLater();
     if (mEndSeen && !errorsSeen) {
-        setTaskState(int(TaskState::Finished));
+        mReporter.recordState(TaskState::Finished);
         emit ffmpegTaskStateChanged(int(TaskState::Finished));
     } else {
         qCDebug(lcOperator) << "cannot read end.";
         if (!mStopped) {
-            setTaskState(int(TaskState::Failed));
+            mReporter.recordState(TaskState::Failed);
             emit ffmpegTaskStateChanged(int(TaskState::Failed));
         }
     }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "Common/Task/IAVTaskOperator.h"
+#include "Common/Task/TaskReporter.h"
 #include "KorvaneBase/BasicObject.h"
 #include "KorvaneBase/DeferredCall.h"
 #include "TranscoderFFmpeg/TranscoderFFmpegExport.h"
@@ -21,7 +22,6 @@ class QTimer;
 
 namespace Korvane {
 
-class AVFFmpegTask;
 class IAVTask;
 
 // Runs one conversion with the command-line ffmpeg as a child process.
@@ -92,17 +92,24 @@ public Q_SLOTS:
     void onReadyRead_win();
 
 private:
+    // The steps of start(). A job ffmpeg must not run (a field that could
+    // become an option, an output that is one of its inputs) is refused.
+    bool refusedJob(const ConvertSource& source, const AVTaskOutputParam& output);
+    // The duration and decoder name of the input; false when it cannot be read.
+    bool probeInput(const QString& path);
+    // The process, the progress file and its poll timer; returns the file's path.
+    QString prepareRun();
+    bool launch(const QStringList& arguments);
     // Ends the run before ffmpeg starts: records `reason`, sets and emits 6.
     void refuse(int line, const QString& reason);
     void pollProgress();
-    void setTaskState(int state);
     void releaseSelf();
     // Counts this operator's run in isTranscodeRunning() (once, however often
     // it is called).
     void setRunning(bool running);
-    AVFFmpegTask* ffmpegTask() const;
 
     QSharedPointer<IAVTask> mTask;
+    TaskReporter mReporter;
     std::unique_ptr<QProcess> mProcess;
     std::unique_ptr<QFile> mProgressFile;
     std::unique_ptr<QTimer> mPollTimer;

@@ -128,11 +128,6 @@ QStringList turnSteps(int rotation)
     }
 }
 
-bool isFullPicture(const CropParam& crop)
-{
-    return crop.cropX == 0.0 && crop.cropY == 0.0 && crop.cropW == 1.0 && crop.cropH == 1.0;
-}
-
 std::optional<MarkBox> markBox(const WaterMarkParam& mark, const PictureFacts& facts, double fit,
                                const MediaInfoProbe& probe)
 {

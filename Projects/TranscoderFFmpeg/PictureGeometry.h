@@ -78,8 +78,6 @@ QStringList flipSteps(const CropParam& edits);
 // The transposes for a turn of 90, 180 or 270 degrees; none for any other.
 QStringList turnSteps(int rotation);
 
-bool isFullPicture(const CropParam& crop);
-
 // Where one watermark lands in the output, in output pixels.
 struct MarkBox
 {

@@ -21,7 +21,7 @@ QStringList editsNeedingGpuFilters(const ConvertJob& job, const QSize& inputDisp
 {
     QStringList edits;
     if (const auto& crop = job.source.crop) {
-        if (crop->cropX != 0.0 || crop->cropY != 0.0 || crop->cropW != 1.0 || crop->cropH != 1.0) {
+        if (!crop->isFullPicture()) {
             edits << QStringLiteral("crop");
         }
         if (crop->flipX || crop->flipY) {

@@ -50,6 +50,12 @@ struct CropParam
     bool flipX = false; // mirror left-right
     bool flipY = false; // mirror top-bottom
     qint32 rotation = 0;
+
+    // The rectangle is the whole picture, exactly (flips and turns aside).
+    bool isFullPicture() const
+    {
+        return cropX == 0.0 && cropY == 0.0 && cropW == 1.0 && cropH == 1.0;
+    }
 };
 
 struct BaseFilterParam
