@@ -1,5 +1,6 @@
 #include "Common/Records/JsonForms.h"
 #include "Common/Records/OutputRules.h"
+#include "Common/Records/TimelineOptions.h"
 
 #include "JsonFragment.h"
 
@@ -127,4 +128,18 @@ TEST(JsonAndPathHelpers, LayoutsFailuresAndSocialNames)
     for (const char* type : {"YouTube", "Instagram", "TikTok", "Facebook", "Likee", "Vimeo"}) {
         EXPECT_TRUE(isSocialOutputType(type) && !isSocialOutputType(QString(type).toLower()));
     }
+}
+
+// The smallest set size is kept; an unset side is passed on or left out.
+TEST(TimelineOutputOptions, SetSizesAndUnsetOnes)
+{
+    AVTaskOutputParam output;
+    output.video.width = 1;
+    output.video.height = 720;
+    EXPECT_EQ(timelineOutputOptions(output, UnsetOutputSize::Omitted),
+              (QVariantMap{{"width", 1}, {"height", 720}}));
+    output.video.width = 0;
+    EXPECT_EQ(timelineOutputOptions(output, UnsetOutputSize::Omitted), QVariantMap());
+    EXPECT_EQ(timelineOutputOptions(output, UnsetOutputSize::Passed),
+              (QVariantMap{{"width", 0}, {"height", 720}}));
 }
