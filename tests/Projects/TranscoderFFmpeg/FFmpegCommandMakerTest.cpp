@@ -276,6 +276,7 @@ TEST(FFmpegCommand, CrfQualityAndMuxers)
         {"mkv", "matroska"}, {"wmv", "asf"}, {"flv", "f4v"},         {"m2ts", "mpegts"},
         {"m4a", "ipod"},     {"aac", "mp4"}, {"youtube", "youtube"}, {"f4v", "f4v"},
         {"hevc2", "hevc2"},  {"", ""},       {"matroska", ""},       {"mp4 ", ""},
+        {"mka", "matroska"},
     };
     for (const auto& row : muxers) {
         EXPECT_EQ(muxerName(QString(row[0]).toUpper()), QString(row[1])) << row[0];

@@ -111,9 +111,11 @@ TEST(OutputParamWriting, GroupsAppearOnlyWithACodecName)
     // Another JSON kind than the field's reads as missing; out of range as 0.
     const AVTaskOutputParam odd = outputParamFromVariantMap(
         jsonToVariantMap(R"({"video.codecName":"h264","video.width":"1920","video.height":1e12,)"
-                         R"("ipcMode":1,"format":7,"taskMode":-2.9})"));
+                         R"("ipcMode":1,"format":7,"taskMode":-2.9,"audio.codecName":"aac",)"
+                         R"("audio.channels":-2147483648,"audio.sampleRate":2147483648})"));
     AVTaskOutputParam expected;
     expected.video.codecName = "h264";
+    expected.audio = {"aac", 0, std::numeric_limits<qint32>::min(), 0};
     expected.taskMode = -2;
     EXPECT_EQ(outputParamToJson(odd), outputParamToJson(expected));
 }

@@ -1,4 +1,5 @@
 #include "Common/Task/AVFFmpegTask.h"
+#include "Common/Task/TaskReporter.h"
 #include "Common/Task/TaskSignalBus.h"
 #include "Common/Timeline/TimelineProjectBuilder.h"
 
@@ -27,6 +28,25 @@ TEST(AVFFmpegTask, KeepsItsOwnCopiesStateAndBus)
     ASSERT_FALSE(bus.isNull());
     EXPECT_TRUE(QMetaType::fromName("Korvane::TaskState").isValid());
     EXPECT_TRUE(QMetaType::fromName("Korvane::TaskProgressType").isValid());
+}
+
+// The task holds a value before its bus tells of it; a task of another kind
+// only hears of it.
+TEST(TaskReporter, RecordsOnThePluginsTaskThenEmits)
+{
+    const auto task = QSharedPointer<AVFFmpegTask>::create(ConvertSource(), AVTaskOutputParam());
+    const TaskReporter reporter(task);
+    QList<double> heard;
+    QObject::connect(task->signalBus().data(), &TaskSignalBus::taskProgress,
+                     [&](TaskProgressType, double) { heard << task->progress(); });
+    QObject::connect(task->signalBus().data(), &TaskSignalBus::taskStateChanged,
+                     [&](TaskState state, int) { heard << double(task->state()) + int(state); });
+    reporter.reportProgress(TaskProgressType::Whole, 0.25);
+    reporter.reportState(TaskState::Running, 0);
+    reporter.recordProgress(0.5);
+    EXPECT_EQ(heard, QList<double>({0.25, 2.0 * int(TaskState::Running)}));
+    EXPECT_EQ(task->progress(), 0.5);
+    EXPECT_EQ(reporter.source(), task->source().data());
 }
 
 // No other test of this program builds a timeline: a process numbers transforms from 0.

@@ -114,6 +114,10 @@ TEST(TimelineProject, PlainClipMusicWithACoverStreamAndUnprobedFile)
              R"({"kind":"audio_with_cover","range_length":2696,"file_audio_stream_index":0}]})");
     job.options.clear();
     expectDocument(job, R"({"preview_param":{"video_disabled":true}})");
+    // Attached sound without cuts plays whole from the start.
+    job.source.attachedAudio = {{250, "/a.mp3"}};
+    expectDocument(job,
+                   R"({"clips":[{},{"file_path":"/a.mp3","timeline_pos":0,"range_begin":0}]})");
 
     // Without probed audio streams none of the own audio tracks can be served.
     job = Job();
@@ -245,6 +249,10 @@ TEST(TimelineProject, TransformAndZoom)
         // 1.5 is landscape although 1500 div 1000 is 1.
         {turn, {1500, 1000}, hd, 0, "", R"("scale_x":0.5625)"},
         {turn, {1000, 1000}, hd, 0, "", R"("scale_x":1.7777778)"},
+        // A crop narrower than the canvas, and one a pixel high.
+        {{0, 0, 0.5, 1, false, false, 90}, hd, hd, 0, "", R"("scale_x":1.125)"},
+        {{0, 0, 0.5, 1, false, false, 90}, tall, hd, 0, "", R"("scale_x":1.7777778)"},
+        {{0, 0, 1, 0.001, false, false, 90}, hd, hd, 0, "", R"("scale_x":0.5625)"},
         {{}, hd, {1280, 720}, 1, R"("zoom":0.6666667,"width":1920,"height":1080)", ""},
         {{}, tall, hd, 2, R"("zoom":0.5625,"width":3413.3333333,"height":1920)", ""},
         {{}, hd, {1280, 720}, 0, R"("zoom":null,"width":1280,"height":720)", ""},
