@@ -115,9 +115,13 @@ TEST(MainClipVideoChain, WritesEachEditInOrder)
          picture(320, 120), QSize(160, 120),
          "trim=start=0:end=1,setpts=(PTS-0/TB)/1,stereo3d=sbsl:arcc,eq=contrast=1.5,"
          "scale=160:120,setsar=1"},
+        {R"("range_length": 1000, "video_filters": [{"anaglyph_type": "Anaglyph Top and Bottom"}])",
+         picture(160, 240), QSize(160, 120),
+         "trim=start=0:end=1,setpts=(PTS-0/TB)/1,stereo3d=abl:arcc,scale=160:120,setsar=1"},
     };
     for (const auto& [keys, picture, canvas, expected] : rows) {
-        EXPECT_EQ(mainClipVideoChain(clip(keys), picture, canvas, "m0"), expected);
+        EXPECT_EQ(mainClipVideoChain(clip(keys), picture, canvas, "m0").toStdString(),
+                  expected.toStdString());
     }
 }
 
@@ -244,4 +248,8 @@ TEST(ProjectDocument, ReadsTracksClipsAndTheirParts)
     for (const auto& [json, facts] : rows) {
         EXPECT_EQ(read(json).toStdString(), facts.toStdString());
     }
+    ProjectDocument document;
+    QString error;
+    ASSERT_TRUE(parseProjectDocument(rows.first().first, &document, &error));
+    EXPECT_EQ(document.tracks.size(), 3);
 }
