@@ -237,10 +237,12 @@ TEST(ProjectDocument, ReadsTracksClipsAndTheirParts)
          "25 fps 640x480 1000 ms, main /v.mp4 -1x-1 1, sound /a.mp3"},
         {QString(R"({"preview_param": {"width": 1e300, "height": -1e300}, "clips": [
             {"kind": "video_only", "file_path": "/v.mp4", "transform": {"bg_size": "%1,-%1"}},
-            {"type": "image", "file_path": "/w.png", "transform": {"center_pos": "%1,-%1"}}]})")
+            {"type": "image", "file_path": "/w.png", "range_length": 1000,
+             "transform": {"center_pos": "%1,-%1"}}]})")
              .arg(huge),
          "25 fps 1048576x2 0 ms, main /v.mp4 1048576x-1048576 1, "
-         "image 0 format=rgba overlay=x=1048576-w/2:y=-1048576-h/2:format=auto"},
+         "image 0 format=rgba overlay=x=1048576-w/2:y=-1048576-h/2:format=auto:"
+         "enable='between(t,0,1)'"},
         {"{not json", "rejected"},
         {"[1,2]", "rejected"},
         {R"({"clips": []})", "rejected"},

@@ -155,6 +155,7 @@ TEST_F(KorvaneConvert, UsageAndInputErrorsGiveOneLineAndTheRightExitCode)
         {{mClip, o.outputPath, "--frobnicate"}, 2, "unknown option --frobnicate"},
         {{mClip, mClip}, 2, "would overwrite the input"},
         {{"--probe", notMedia}, 1, "not a media file"},
+        {{"--probe", mClip}, 0, "\"subtitleStreams\": ["},
         {{notMedia, o.outputPath, "--quiet"}, 1, "not a media file"},
         {{"--job", writeJob(mDir.filePath("format.json"), source, o), "--path=converter"},
          2,
