@@ -98,6 +98,20 @@ TEST(StreamProbing, DurationsOfDamagedFilesStayInRange)
         QList<qint64>({33, 0, LLONG_MIN, kMax}));
 }
 
+// Guessed, average and real rates: the first that is usable wins.
+TEST(StreamProbing, FrameRateChoice)
+{
+    const AVRational rows[][4] = {
+        {{30, 1}, {25, 1}, {24, 1}, {30, 1}},    {{121, 1}, {60, 1}, {24, 1}, {60, 1}},
+        {{0, 0}, {240, 1}, {30, 1}, {30, 1}},    {{0, 0}, {0, 0}, {0, 0}, {25, 1}},
+        {{0, 1}, {2000, 1}, {5000, 1}, {25, 1}}, {{0, 1}, {30000, 1001}, {0, 1}, {30000, 1001}},
+    };
+    for (const auto& row : rows) {
+        const AVRational rate = chooseFrameRate(row[0], row[1], row[2]);
+        EXPECT_EQ(av_cmp_q(rate, row[3]), 0) << rate.num << "/" << rate.den;
+    }
+}
+
 // Stream, media type, position, pts, dts, duration.
 using Packet = std::array<qint64, 6>;
 
