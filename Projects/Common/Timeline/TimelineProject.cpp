@@ -1,5 +1,6 @@
 #include "Common/Timeline/TimelineProject.h"
 
+#include "Common/Records/TimelineKeys.h"
 #include "Common/Timeline/TimelineProjectBuilder.h"
 #include "KvMediaInfo/KvMediaInfo.h"
 
@@ -10,7 +11,7 @@ QString makeTimelineProjectJson(const ConvertSource& source, const QVariantMap& 
     // The stream durations are only worth computing when the caller does not
     // know the length already.
     const QSharedPointer<ContainerInfo> info =
-        getContainInfo(source.filePath, !options.contains("duration"));
+        getContainInfo(source.filePath, !options.contains(TimelineKeys::kOptionDuration));
     return TimelineProjectBuilder(source, options, info.data()).build();
 }
 
