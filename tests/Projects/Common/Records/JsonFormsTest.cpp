@@ -137,10 +137,11 @@ TEST(TimelineOutputOptions, SetSizesAndUnsetOnes)
 {
     AVTaskOutputParam output;
     output.video.width = 1;
-    output.video.height = 720;
+    output.video.height = 1;
     EXPECT_EQ(timelineOutputOptions(output, UnsetOutputSize::Omitted),
-              (QVariantMap{{"width", 1}, {"height", 720}}));
+              (QVariantMap{{"width", 1}, {"height", 1}}));
     output.video.width = 0;
+    output.video.height = 720;
     EXPECT_EQ(timelineOutputOptions(output, UnsetOutputSize::Omitted), QVariantMap());
     EXPECT_EQ(timelineOutputOptions(output, UnsetOutputSize::Passed),
               (QVariantMap{{"width", 0}, {"height", 720}}));

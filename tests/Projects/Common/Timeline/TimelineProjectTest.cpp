@@ -116,8 +116,8 @@ TEST(TimelineProject, PlainClipMusicWithACoverStreamAndUnprobedFile)
     expectDocument(job, R"({"preview_param":{"video_disabled":true}})");
     // Attached sound without cuts plays whole from the start.
     job.source.attachedAudio = {{250, "/a.mp3"}};
-    expectDocument(job,
-                   R"({"clips":[{},{"file_path":"/a.mp3","timeline_pos":0,"range_begin":0}]})");
+    expectDocument(job, R"({"clips":[{},{"file_path":"/a.mp3","timeline_pos":0,"range_begin":0,)"
+                        R"("range_length":2696}]})");
 
     // Without probed audio streams none of the own audio tracks can be served.
     job = Job();
