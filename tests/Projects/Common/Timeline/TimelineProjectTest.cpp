@@ -252,10 +252,15 @@ TEST(TimelineProject, TransformAndZoom)
         // A crop narrower than the canvas, and one a pixel high.
         {{0, 0, 0.5, 1, false, false, 90}, hd, hd, 0, "", R"("scale_x":1.125)"},
         {{0, 0, 0.5, 1, false, false, 90}, tall, hd, 0, "", R"("scale_x":1.7777778)"},
+        {{0, 0, 0.5625, 1, false, false, 90}, hd, hd, 0, "", R"("scale_x":1)"},
         {{0, 0, 1, 0.001, false, false, 90}, hd, hd, 0, "", R"("scale_x":0.5625)"},
         {{}, hd, {1280, 720}, 1, R"("zoom":0.6666667,"width":1920,"height":1080)", ""},
         {{}, tall, hd, 2, R"("zoom":0.5625,"width":3413.3333333,"height":1920)", ""},
         {{}, hd, {1280, 720}, 0, R"("zoom":null,"width":1280,"height":720)", ""},
+        // No zoom without a canvas or a picture side.
+        {{}, hd, {0, 720}, 1, R"("zoom":null)", ""},
+        {{}, hd, {1280, 0}, 1, R"("zoom":null)", ""},
+        {{}, {0, 1080}, hd, 1, R"("zoom":null)", ""},
     };
     for (const auto& [crop, picture, canvas, waterMarks, preview, transform] : rows) {
         Job job;
