@@ -156,6 +156,7 @@ TEST_F(KorvaneConvert, UsageAndInputErrorsGiveOneLineAndTheRightExitCode)
         {{mClip, mClip}, 2, "would overwrite the input"},
         {{"--probe", notMedia}, 1, "not a media file"},
         {{"--probe", mClip}, 0, "\"subtitleStreams\": ["},
+        {{"--probe", mClip}, 0, "\"streams\": ["},
         {{notMedia, o.outputPath, "--quiet"}, 1, "not a media file"},
         {{"--job", writeJob(mDir.filePath("format.json"), source, o), "--path=converter"},
          2,

@@ -167,6 +167,11 @@ TEST(JobFile, InvalidJobFilesAreRefusedWithAReason)
         EXPECT_FALSE(jobFromJson(text, &job, &error)) << text.toStdString();
         EXPECT_TRUE(error.contains(reason)) << error.toStdString();
     }
+    // A job's own timeline options are written only when it has them.
+    ConvertJob job;
+    EXPECT_FALSE(jobToVariantMap(job).contains("timelineOptions"));
+    job.timelineOptions = QVariantMap{{"fps", 30}};
+    EXPECT_EQ(jobToVariantMap(job).value("timelineOptions").toMap(), *job.timelineOptions);
 }
 
 TEST(PathChoice, EditsThatOnlyGpuFilterGraphsApply)
