@@ -88,6 +88,12 @@ TEST(Logger, WholeLinesRotationAndSettingsAsIniText)
     settings.setValue("kLog_Stderr", true);
     QSettings other(dir.filePath("s.ini"), QSettings::IniFormat);
     EXPECT_TRUE(other.value("kLog_Stderr").toBool());
+    // What another process writes is read at the next sync.
+    QFile ini(dir.filePath("s.ini"));
+    ASSERT_TRUE(ini.open(QIODevice::WriteOnly) && ini.write("[General]\nkWorker_Path=/w\n") > 0);
+    ini.close();
+    settings.sync();
+    EXPECT_EQ(settings.value("kWorker_Path").toString(), "/w");
 }
 
 // Identity, not spelling: every second name of one file is the same file; a

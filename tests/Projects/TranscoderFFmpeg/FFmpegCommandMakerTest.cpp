@@ -191,6 +191,7 @@ TEST(FFmpegCommand, Options)
         {"acodec=PCM", "-acodec|pcm_s16le", "-an"},
         // Codec 0 names no codec but keeps the numbers.
         {"acodec=0;audio=96,0,0", "\"/in/my clip.mp4\"|-ab|96k|-vcodec", "-acodec|-an|-ar|-ac"},
+        {"audio=0,1,1", "-ar|1|-ac|1", "-ab"},
         {"gpu=Intel(R) UHD Graphics 630;qsvinit",
          "-y|-init_hw_device qsv=hw,child_device_type=d3d11va|-hwaccel qsv|-c:v h264_qsv|-threads "
          "4",

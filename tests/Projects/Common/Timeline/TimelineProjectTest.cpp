@@ -138,6 +138,7 @@ TEST(TimelineProject, FrameRateCanvasAndDurationComeFromTheRightStream)
         // Without a real picture the first audio stream, if it lasts, gives the length.
         {{}, 4000, {}, R"("fps":25,"width":640,"height":480,"video_disabled":true)", 4000},
         {{}, 0, {}, R"("video_disabled":true)", 5000},
+        {{}, 1, {}, R"("video_disabled":true)", 1},
         // Integer division: 30000/1001 is written as 29.
         {{video(30000, 1001, 4000, 128, 72)}, 3, {}, R"("fps":29,"video_disabled":null)", 4000},
         {{video(30, 0, 0, 640, 360)}, 3000, {}, R"("fps":25,"width":640,"height":360)", 3000},
